@@ -1,0 +1,39 @@
+// The command line, the run driver and the USB device preparation.
+#ifndef QUELVANE_MAIN_H
+#define QUELVANE_MAIN_H
+
+#include <cstdint>
+#include <string>
+
+// What the command line hands to the run driver.
+struct RunOptions {
+    std::string archive_name;          // -a as given
+    std::string archive_base;          // -a cut at ".zip"; heads every member name
+    std::string config_path;           // -f
+    std::string output_path;           // -o
+    std::string usb_device;            // -d; its presence selects USB device mode
+    std::string dataset_letters = "i"; // -L as given, shown in the README
+    uint32_t datasets = 0;             // -L parsed; 0 without -L
+    std::string password;              // -P
+    int password_fd = -1;              // -I
+    int no_header = 0;                 // -u
+    int remove_device_files = 0;       // -r, switched off in the option string
+    bool have_device = false;
+    bool have_password = false;
+};
+
+[[noreturn]] void usage(int status);
+
+// Fills *options or ends the process through usage().
+void quelvane_parse_options(int argc, char **argv, RunOptions *options);
+
+// One collection run; returns the exit status.
+int quelvane_run(RunOptions *options);
+
+int usb_write_test(const char *output_path);
+int usb_prepare_device(const char *output_path, const char *usb_device);
+
+// Everything main() does: start-up, options, run.
+int quelvane_main(int argc, char **argv);
+
+#endif

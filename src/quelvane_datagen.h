@@ -1,0 +1,36 @@
+// Data generation: the command runner, file collection, the README and
+// CONFIG members, the collection walk, and the output sink with its
+// optional encryption.
+#ifndef QUELVANE_DATAGEN_H
+#define QUELVANE_DATAGEN_H
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "quelvane_config_file.h"
+#include "quelvane_zip.h"
+
+// Output sink: every archive byte leaves through sink_write.
+int sink_encrypt_start(const char *password, int out_fd);
+int sink_write(const void *data, size_t length, int out_fd);
+int sink_encrypt_finish(int out_fd);
+
+// Collection.
+int quelvane_execute_command(int out_fd, ConfigEntry *entry, ZipWriter *archive, int index);
+int zip_init_file_member(ConfigEntry *entry, ZipMember *member, std::string *error_text);
+int zip_init_err_member(ConfigEntry *entry, ZipMember *member);
+int datagen_collect_file(int out_fd, ConfigEntry *entry, ZipWriter *archive);
+int datagen_collect_file_entry(int out_fd, ConfigEntry *entry, ZipWriter *archive,
+                               unsigned *errors);
+int datagen_write_readme(int out_fd, const char *archive_name, const char *config_file,
+                         ZipWriter *archive, const char *prefix, const char *log_sets,
+                         int sp_sw_down, int max_domains);
+int datagen_write_config(int out_fd, ZipWriter *archive, const char *prefix,
+                         const char *config_file);
+int datagen_walk_entries(int out_fd, ConfigList *list, ZipWriter *archive, uint32_t datasets,
+                         int sp_sw_down, int max_domains);
+int datagen_run_command_entry(int out_fd, ConfigEntry *entry, ZipWriter *archive,
+                              unsigned *errors, int max_domains);
+
+#endif

@@ -1,0 +1,58 @@
+// Process-wide flags, the instance lock and work directory, terminal input,
+// console progress, the download header and the test hooks.
+#ifndef QUELVANE_UTIL_H
+#define QUELVANE_UTIL_H
+
+#include <csignal>
+#include <cstddef>
+#include <libintl.h>
+#include <clocale>
+
+// Every user-facing text goes through the message catalogue.
+#define _(text) dcgettext(nullptr, text, LC_MESSAGES)
+
+// Run flags, 0 until the option parser sets them.
+extern int answer_yes;
+extern int answer_no;
+extern int bui_header;
+extern int bui_download_mode;
+extern int log_only_mode;
+extern int verbose;
+extern int quiet;
+extern int encrypt_output;
+extern int no_compression;
+extern char *program_name;
+
+// Set only by the signal actions; read by the main flow at every test.
+extern volatile sig_atomic_t interrupted_by_user;
+extern volatile sig_atomic_t child_exited;
+extern volatile sig_atomic_t command_timed_out;
+
+// Instance lock and work directory.
+void set_instance_name(const char *name);
+const char *instance_name();
+const char *work_directory();
+const char *lock_directory();
+int lock_instance(const char *name, char *error, size_t error_size);
+void unlock_instance();
+void clear_directory(const char *directory);
+int acquire_lock();
+int release_lock();
+
+// Terminal input: returns how many characters were typed, which may exceed
+// size - 1; the buffer keeps at most size - 1 of them.
+int read_terminal_line(const char *prompt, char *buffer, int size, int no_echo);
+
+// Encryption password into a 64-byte buffer; messages printed here.
+// 0 on success, -1 when refused (the run then ends with status 1).
+int quelvane_password_from_fd(int fd, char *buffer);
+int quelvane_password_from_terminal(char *buffer);
+
+// Console utilities.
+int print_progress(const char *format, ...) __attribute__((format(printf, 1, 2)));
+int ask_yes_no(const char *prompt, int yes, int no);
+int write_download_header(int fd, const char *name);
+int get_injected_spswdown();
+int mark_max_domains(int *max_domains);
+
+#endif

@@ -1,0 +1,67 @@
+// One-pass ZIP writer and the process-wide raw deflate stream.
+#ifndef QUELVANE_ZIP_H
+#define QUELVANE_ZIP_H
+
+#include <cstdint>
+#include <cstdio>
+#include <ctime>
+#include <string>
+#include <vector>
+
+enum {
+    MEMBER_GENERATED = 1,  // size counted while deflating
+    MEMBER_FILE = 2,       // size and time taken from stat by the producer
+};
+
+// One archive member. Producers reset it (member = ZipMember{}) and fill it;
+// the writer completes CRC, sizes, offset and date.
+struct ZipMember {
+    int32_t version_needed = 0;
+    int32_t flags = 0;
+    int32_t method = 0;
+    uint32_t dos_datetime = 0;  // time_t in; MS-DOS date << 16 | time once begun
+    std::string name;
+    std::string source_path;    // collected files only
+    uint32_t crc32 = 0;
+    uint32_t compressed_size = 0;
+    uint32_t uncompressed_size = 0;
+    uint32_t local_header_offset = 0;
+    FILE *source_file = nullptr;
+    int32_t kind = 0;
+};
+
+// The archive's running state: the offset of the next byte of the plain ZIP
+// stream. Every archive operation receives a pointer to it.
+struct ZipWriter {
+    uint32_t total_written = 0;
+};
+
+int zip_write_u32(int out_fd, uint32_t value);
+int zip_write_u16(int out_fd, uint32_t value);
+int zip_write_u8(int out_fd, uint32_t value);
+uint32_t zip_dos_datetime(time_t t);
+
+// Member lifecycle: begin (local header), data (deflate), finish (descriptor
+// and a copy into the member list); once per archive: central directory.
+int quelvane_z_output_local_file_header(int out_fd, ZipMember *member, uint32_t *total_written);
+int zip_finish_member(int out_fd, ZipMember *member, uint32_t *total_written);
+int zip_finish_archive(int out_fd, uint32_t *total_written);
+
+int zip_member_list_add(const ZipMember *member);
+void zip_member_list_free();
+const std::vector<ZipMember> &zip_member_list();
+
+int zip_open_member_file(ZipMember *member);
+int zip_close_member_file(ZipMember *member);
+
+// The deflate stream, shared by every member of the process.
+int zip_deflate_start();
+int zip_deflate_end();
+int zip_deflate_chunk(ZipMember *member, int out_fd, const void *data, unsigned length,
+                      int flush, uint32_t *total_written);
+int zip_deflate_file(int out_fd, ZipMember *member, uint32_t *total_written, int *error_out);
+int zip_deflate_fd(int out_fd, ZipMember *member, int source_fd, int final_flush,
+                   uint32_t *total_written);
+void zip_report_error(int code);
+
+#endif
