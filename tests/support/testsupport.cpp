@@ -231,6 +231,16 @@ RunResult run(const RunSpec &spec)
     return result;
 }
 
+RunResult run_quelvane(const TempDir &dir, const std::vector<std::string> &args, RunSpec spec)
+{
+    mkdir(dir.file("home").c_str(), 0755);
+    spec.args.insert(spec.args.begin(), args.begin(), args.end());
+    spec.env.insert(spec.env.begin(), "QUELVANE_HOME=" + dir.file("home"));
+    if (spec.cwd.empty())
+        spec.cwd = dir.path();
+    return run(spec);
+}
+
 RunResult run_program(const std::string &program, const std::vector<std::string> &args,
                       const std::string &stdin_data)
 {

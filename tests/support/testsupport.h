@@ -61,6 +61,11 @@ struct RunResult {
 };
 
 RunResult run(const RunSpec &spec);
+// The tool in the directory dir, with QUELVANE_HOME=dir/home and the
+// working directory dir; spec supplies anything else (stdin, descriptors).
+RunResult run_quelvane(const TempDir &dir, const std::vector<std::string> &args,
+                       RunSpec spec = RunSpec());
+
 // An external program by path with its arguments.
 RunResult run_program(const std::string &program, const std::vector<std::string> &args,
                       const std::string &stdin_data = "");
