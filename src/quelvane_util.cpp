@@ -323,7 +323,9 @@ int ask_yes_no(const char *prompt, int yes, int no)
             return 1;
         if (strcasecmp(answer, "no") == 0 || strcasecmp(answer, "n") == 0)
             return 0;
-        if (feof(stdin))
+        // A standard input that fails (closed, hung up) ends like one at
+        // its end, rather than asking forever.
+        if (feof(stdin) || ferror(stdin))
             return -1;
         fputs(_("Please enter 'yes', 'no', 'y', or 'n'.\n"), stdout);
     }

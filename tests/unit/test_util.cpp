@@ -162,6 +162,15 @@ TEST_F(ConsoleTest, AskYesNoAnsweredByFlags)
     EXPECT_EQ(fgetc(stdin), 'n');
 }
 
+TEST_F(ConsoleTest, AskYesNoOnAClosedInputEnds)
+{
+    feed("");
+    close(0);
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(ask_yes_no("Go? ", 0, 0), -1);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "Go? \n");
+}
+
 TEST_F(ConsoleTest, AskYesNoInterrupted)
 {
     feed("y\n");
