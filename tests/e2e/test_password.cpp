@@ -311,54 +311,8 @@ TEST(PipedPassword, ReadLikeTypedLines)
     }
 }
 
-TEST(PipedPassword, QuietKeepsPromptsButNotTheNotice)
-{
-    qt::TempDir dir;
-    qt::RunSpec spec;
-    spec.stdin_data = "pw\npw\n";
-    std::vector<std::string> args = encrypting_args(dir);
-    args.push_back("-q");
-    qt::RunResult r = qt::run_quelvane(dir, args, spec);
-    EXPECT_EQ(r.out, ENTER + "\n" + CONFIRM + "\n");
-    EXPECT_EQ(r.err, missing_config_error(dir));
-    EXPECT_EQ(r.status, 6);
-}
-
-// The descriptor is read once, 64 bytes at most; the bytes read are the
-// password, a trailing newline included.
-TEST(DescriptorPassword, Limits)
-{
-    struct Case {
-        const char *what;
-        std::string data;
-        std::string err;  // empty: taken
-    } cases[] = {
-        {"three characters", "abc", ""},
-        {"63 bytes", std::string(63, 'z'), ""},
-        {"63 bytes then more", std::string(63, 'z') + "\n", "Maximum encryption password length is 63 characters.\n"},
-        {"64 bytes", std::string(64, 'z'), "Maximum encryption password length is 63 characters.\n"},
-        {"empty", "", "Empty encryption password on fd 5.\n"},
-    };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.what);
-        qt::TempDir dir;
-        qt::RunSpec spec;
-        spec.fds = {{5, c.data}};
-        std::vector<std::string> args = encrypting_args(dir);
-        args.insert(args.end(), {"-I", "5"});
-        qt::RunResult r = qt::run_quelvane(dir, args, spec);
-        if (c.err.empty()) {
-            EXPECT_EQ(r.out, "Output data will be encrypted.\n");
-            EXPECT_EQ(r.err, missing_config_error(dir));
-            EXPECT_EQ(r.status, 6);
-        } else {
-            EXPECT_EQ(r.out, "");
-            EXPECT_EQ(r.err, c.err);
-            EXPECT_EQ(r.status, 1);
-        }
-    }
-}
-
+// The bytes read from the descriptor are the password, a trailing newline
+// included (its limits are covered by the unit tests).
 TEST(DescriptorPassword, TrailingNewlineIsPartOfThePassword)
 {
     qt::TempDir dir;

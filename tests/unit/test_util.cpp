@@ -1,6 +1,6 @@
-// Console pieces of the front end run in-process: line input and the yes/no
-// prompt on a piped standard input, the password descriptor, the download
-// header, progress lines and the device clean-up.
+// Front-end pieces run in-process: line input and the yes/no prompt on a
+// piped standard input, the password descriptor, the download header, and
+// the device clean-up that the command line cannot reach.
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
@@ -140,28 +140,6 @@ TEST_F(ConsoleTest, AskYesNo)
     }
 }
 
-TEST_F(ConsoleTest, AskYesNoAnsweredByFlags)
-{
-    feed("n\n");  // never read
-    struct Case {
-        int yes, no, quiet_flag, result;
-        std::string out;
-    } cases[] = {
-        {1, 0, 0, 1, "Go? yes\n"},
-        {0, 1, 0, 0, "Go? no\n"},
-        {1, 1, 0, 1, "Go? yes\n"},
-        {1, 0, 1, 1, ""},
-        {0, 1, 1, 0, ""},
-    };
-    for (const Case &c : cases) {
-        quiet = c.quiet_flag;
-        testing::internal::CaptureStdout();
-        EXPECT_EQ(ask_yes_no("Go? ", c.yes, c.no), c.result);
-        EXPECT_EQ(testing::internal::GetCapturedStdout(), c.out);
-    }
-    EXPECT_EQ(fgetc(stdin), 'n');
-}
-
 TEST_F(ConsoleTest, AskYesNoOnAClosedInputEnds)
 {
     feed("");
@@ -242,62 +220,6 @@ TEST(DownloadHeader, WriteFailureIsReported)
               "Error writing html file download header: Bad file descriptor\n");
     close(ends[0]);
     EXPECT_EQ(write_download_header(1, nullptr), -1);
-}
-
-TEST(Progress, OnlyWhenVerboseAndAwayFromTheArchive)
-{
-    struct Case {
-        int verbose_flag, download;
-        std::string out, err;
-    } cases[] = {
-        {0, 0, "", ""},
-        {0, 1, "", ""},
-        {1, 0, "step 7\n", ""},
-        {1, 1, "", "step 7\n"},
-    };
-    for (const Case &c : cases) {
-        verbose = c.verbose_flag;
-        bui_download_mode = c.download;
-        testing::internal::CaptureStdout();
-        testing::internal::CaptureStderr();
-        EXPECT_EQ(print_progress("step %d\n", 7), 0);
-        EXPECT_EQ(testing::internal::GetCapturedStderr(), c.err);
-        EXPECT_EQ(testing::internal::GetCapturedStdout(), c.out);
-    }
-    const char *no_format = nullptr;
-    EXPECT_EQ(print_progress(no_format), -1);
-    verbose = bui_download_mode = 0;
-}
-
-TEST(SmallHelpers, MarkMaxDomainsAndInstanceName)
-{
-    int domains = 7;
-    EXPECT_EQ(mark_max_domains(&domains), 0);
-    EXPECT_EQ(domains, 1);
-    EXPECT_EQ(mark_max_domains(nullptr), -1);
-
-    set_instance_name("/usr/local/bin/collector");
-    EXPECT_STREQ(instance_name(), "collector");
-    set_instance_name(std::string(40, 'n').c_str());
-    EXPECT_EQ(std::string(instance_name()), std::string(31, 'n'));
-    set_instance_name("plain");
-    EXPECT_STREQ(instance_name(), "plain");
-}
-
-TEST(ClearDirectory, RemovesOnlyVisibleFiles)
-{
-    qt::TempDir dir;
-    ASSERT_TRUE(qt::write_file(dir.file("a"), "1"));
-    ASSERT_TRUE(qt::write_file(dir.file("b.txt"), "2"));
-    ASSERT_TRUE(qt::write_file(dir.file(".lock"), ""));
-    ASSERT_EQ(mkdir(dir.file("sub").c_str(), 0755), 0);
-    ASSERT_TRUE(qt::write_file(dir.file("sub/inner"), "3"));
-    clear_directory(dir.path().c_str());
-    EXPECT_FALSE(qt::file_exists(dir.file("a")));
-    EXPECT_FALSE(qt::file_exists(dir.file("b.txt")));
-    EXPECT_TRUE(qt::file_exists(dir.file(".lock")));
-    EXPECT_TRUE(qt::file_exists(dir.file("sub/inner")));
-    clear_directory(dir.file("absent").c_str());  // nothing happens
 }
 
 // The device clean-up, with the letter that enables it still switched off
@@ -434,30 +356,6 @@ TEST_F(DevicePreparation, FailuresAfterConfirming)
     char now[4096];
     ASSERT_NE(getcwd(now, sizeof now), nullptr);
     EXPECT_STREQ(now, cwd_);
-}
-
-TEST(UsbWriteTest, LeavesNoTestFile)
-{
-    qt::TempDir dir;
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(usb_write_test(dir.file("x.zip").c_str()), 0);
-    EXPECT_EQ(usb_write_test("x.zip"), -1);
-    EXPECT_EQ(usb_write_test(dir.file("absent/x.zip").c_str()), -1);
-    std::string err = testing::internal::GetCapturedStderr();
-    const std::string test_file = dir.file("absent/quelvane_testwrite." + std::to_string(getpid()));
-    EXPECT_EQ(err, "Unable to determine USB device mount point from 'x.zip'\n"
-                   "\nUnable to create testfile '" + test_file +
-                       "' on USB device. fd=-1\n\tNo such file or directory\n");
-    EXPECT_FALSE(qt::file_exists(dir.file("quelvane_testwrite." + std::to_string(getpid()))));
-
-    // A test file that cannot be written is still removed: here a
-    // directory of that name stops the open, and is not a file to unlink.
-    const std::string blocker = dir.file("quelvane_testwrite." + std::to_string(getpid()));
-    ASSERT_EQ(mkdir(blocker.c_str(), 0755), 0);
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(usb_write_test(dir.file("x.zip").c_str()), -1);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "\nUnable to create testfile '" + blocker + "' on USB device. fd=-1\n\tIs a directory\n");
 }
 
 }  // namespace
