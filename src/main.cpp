@@ -453,6 +453,13 @@ struct Unlink {
     ~Unlink() { unlink(path.c_str()); }
 };
 
+// Ends the "Removing files" line; the reason follows on standard error.
+void device_failure()
+{
+    if (!quiet)
+        fputs(_("FAILURE\n"), stdout);
+}
+
 void print_mount_point_error(const char *output_path)
 {
     fprintf(stderr, _("Unable to determine USB device mount point from '%s'\n"), output_path);
@@ -535,50 +542,44 @@ int usb_prepare_device(const char *output_path, const char *usb_device)
 
     if (!quiet)
         fputs(_("Removing files from USB device..."), stdout);
-    auto failure = [](const char *message) {
-        if (!quiet)
-            fputs(_("FAILURE\n"), stdout);
-        if (message != nullptr)
-            fputs(message, stderr);
-        return -1;
-    };
     char saved[4096];
-    if (getcwd(saved, sizeof saved) == nullptr)
-        return failure(_("Unable to determine current directory\n"));
-
-    // Every path from here goes back to the saved directory first.
+    if (getcwd(saved, sizeof saved) == nullptr) {
+        device_failure();
+        fputs(_("Unable to determine current directory\n"), stderr);
+        return -1;
+    }
     if (chdir(mount_point.c_str()) == -1) {
-        if (!quiet)
-            fputs(_("FAILURE\n"), stdout);
+        device_failure();
         fprintf(stderr, _("Unable to chdir to USB device mount point: '%s'\n"),
                 mount_point.c_str());
         return -1;
     }
     char now[4096];
-    bool have_now = getcwd(now, sizeof now) != nullptr;
+    const bool have_now = getcwd(now, sizeof now) != nullptr;
+    // A mount point that resolves to the root (a symbolic link, "..") is
+    // never emptied.
+    const bool is_root = have_now && strcmp(now, "/") == 0;
     int removed = 0;
-    // A mount point that turns out to be the root (a symbolic link, "..")
-    // is never emptied.
-    if (have_now && strcmp(now, "/") != 0)
+    if (have_now && !is_root)
         removed = system("/bin/rm -rf *");
-    int back = chdir(saved);
-    (void)back;  // the saved directory was ours a moment ago
-    if (!have_now)
-        return failure(_("Unable to get new working directory\n"));
-    if (strcmp(now, "/") == 0)
-        return failure(_("USB device mount point cannot be '/'\n"));
-    if (removed != 0) {
-        if (!quiet)
-            fputs(_("FAILURE\n"), stdout);
-        fprintf(stderr, _("Error removing files from USB device (%d)\n"), removed);
+    if (chdir(saved) == -1) {
+        // The directory was ours a moment ago; the checks below still apply.
+    }
+    if (!have_now || is_root || removed != 0) {
+        device_failure();
+        if (!have_now)
+            fputs(_("Unable to get new working directory\n"), stderr);
+        else if (is_root)
+            fputs(_("USB device mount point cannot be '/'\n"), stderr);
+        else
+            fprintf(stderr, _("Error removing files from USB device (%d)\n"), removed);
         return -1;
     }
-    // Made from the caller's directory, so a relative output path means the
-    // same directory it meant on the command line.
+    // Made from the caller's directory, so a relative output path names the
+    // directory it named on the command line.
     if (mkdir(output_directory.c_str(), 0777) == -1) {
         int error = errno;
-        if (!quiet)
-            fputs(_("FAILURE\n"), stdout);
+        device_failure();
         fprintf(stderr, _("Error %d while making directory '%s' on USB device\n"), error,
                 output_directory.c_str());
         return -1;
