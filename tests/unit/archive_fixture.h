@@ -1,0 +1,89 @@
+// Small helpers shared by the archive-output unit tests: an output file to
+// write through the sink, and raw inflate to read member data back.
+#ifndef QUELVANE_ARCHIVE_FIXTURE_H
+#define QUELVANE_ARCHIVE_FIXTURE_H
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <string>
+#include <unistd.h>
+#include <zlib.h>
+
+#include "quelvane_datagen.h"
+#include "quelvane_util.h"
+#include "quelvane_zip.h"
+
+// An anonymous file the sink writes to; contents() reads it all back.
+class SinkFile {
+public:
+    SinkFile() : file_(tmpfile()) {}
+    ~SinkFile() { if (file_) fclose(file_); }
+    SinkFile(const SinkFile &) = delete;
+    SinkFile &operator=(const SinkFile &) = delete;
+    int fd() const { return fileno(file_); }
+    std::string contents() const
+    {
+        std::string data;
+        char buffer[65536];
+        ssize_t count;
+        for (off_t at = 0; (count = pread(fd(), buffer, sizeof buffer, at)) > 0; at += count)
+            data.append(buffer, static_cast<size_t>(count));
+        return data;
+    }
+
+private:
+    FILE *file_;
+};
+
+// Inflates a raw deflate stream; "<bad>" when it is not one complete stream.
+inline std::string inflate_raw(const std::string &compressed)
+{
+    z_stream in{};
+    if (inflateInit2(&in, -15) != Z_OK)
+        return "<bad>";
+    std::string out;
+    char buffer[65536];
+    in.next_in = reinterpret_cast<Bytef *>(const_cast<char *>(compressed.data()));
+    in.avail_in = static_cast<uInt>(compressed.size());
+    int result;
+    do {
+        in.next_out = reinterpret_cast<Bytef *>(buffer);
+        in.avail_out = sizeof buffer;
+        result = inflate(&in, Z_NO_FLUSH);
+        out.append(buffer, sizeof buffer - in.avail_out);
+    } while (result == Z_OK);
+    bool whole = result == Z_STREAM_END && in.avail_in == 0;
+    inflateEnd(&in);
+    return whole ? out : "<bad>";
+}
+
+inline uint32_t crc_of(const std::string &data)
+{
+    return static_cast<uint32_t>(
+        crc32(0, reinterpret_cast<const Bytef *>(data.data()), static_cast<uInt>(data.size())));
+}
+
+// Text that compresses like a log: repeated structure, varying numbers.
+inline std::string log_text(size_t size)
+{
+    std::string text;
+    char line[128];
+    for (unsigned i = 0; text.size() < size; ++i) {
+        snprintf(line, sizeof line, "Nov 21 19:%02u:%02u ctl%u kernel: eth%u link %s, rx %u\n",
+                 i / 60 % 60, i % 60, i % 4, i % 3, i % 7 ? "up" : "down", i * 7919u);
+        text += line;
+    }
+    text.resize(size);
+    return text;
+}
+
+// Restarts the process-wide stream at the level the -C flag asks for.
+inline void restart_deflate(int level_zero)
+{
+    zip_deflate_end();
+    no_compression = level_zero;
+    ASSERT_EQ(zip_deflate_start(), 0);
+}
+
+#endif
