@@ -6,7 +6,9 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <functional>
 #include <string>
+#include <sys/wait.h>
 #include <unistd.h>
 #include <zlib.h>
 
@@ -84,6 +86,23 @@ inline void restart_deflate(int level_zero)
     zip_deflate_end();
     no_compression = level_zero;
     ASSERT_EQ(zip_deflate_start(), 0);
+}
+
+// Runs body in a forked child and returns its result (-1 if it died): the
+// sink's cipher starts once per process, so each encrypted archive needs one.
+inline int in_child(const std::function<int()> &body)
+{
+    fflush(nullptr);
+    pid_t pid = fork();
+    if (pid == 0) {
+        int result = body();
+        fflush(nullptr);
+        _exit(result);
+    }
+    int status = 0;
+    if (pid < 0 || waitpid(pid, &status, 0) != pid || !WIFEXITED(status))
+        return -1;
+    return WEXITSTATUS(status);
 }
 
 #endif
