@@ -7,6 +7,7 @@
 
 #include <cstdio>
 #include <functional>
+#include <random>
 #include <string>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -78,6 +79,16 @@ inline std::string log_text(size_t size)
     }
     text.resize(size);
     return text;
+}
+
+// Bytes that do not compress.
+inline std::string noise(size_t size)
+{
+    std::mt19937 generator(size);
+    std::string bytes(size, '\0');
+    for (char &byte : bytes)
+        byte = static_cast<char>(generator());
+    return bytes;
 }
 
 // Restarts the process-wide stream at the level the -C flag asks for.
