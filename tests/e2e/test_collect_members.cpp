@@ -8,6 +8,7 @@
 #include <utime.h>
 
 #include <ctime>
+#include <ostream>
 
 #include "collect_fixture.h"
 
@@ -34,6 +35,8 @@ struct OutputMode {
     bool download;
     bool encrypted;
 };
+
+std::ostream &operator<<(std::ostream &out, const OutputMode &m) { return out << m.name; }
 
 class MixedConfiguration : public ::testing::TestWithParam<OutputMode> {};
 
