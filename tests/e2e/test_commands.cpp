@@ -303,14 +303,14 @@ TEST(Commands, LargeOutputIsStreamed)
     EXPECT_EQ(qt::check_real_readers(c.path), "");
 
     ASSERT_EQ(small.run.status, 0);
+    printf("peak memory: %ld KB for 100 MB of output, %ld KB for 1 MB\n", c.run.maxrss_kb,
+           small.run.maxrss_kb);
 #if defined(__SANITIZE_ADDRESS__)
-    printf("memory figures not compared: the sanitizer's shadow memory and quarantine make them "
-           "meaningless (%ld KB for 100 MB, %ld KB for 1 MB)\n",
-           c.run.maxrss_kb, small.run.maxrss_kb);
+    // Shadow memory and the allocation quarantine blur small differences:
+    // only a growth with the output is a finding here.
+    EXPECT_LT(c.run.maxrss_kb, 2 * small.run.maxrss_kb) << "peak memory grew with the output";
 #else
-    EXPECT_LT(c.run.maxrss_kb, small.run.maxrss_kb + 1024)
-        << "peak memory grew with the output: " << c.run.maxrss_kb << " KB against "
-        << small.run.maxrss_kb << " KB";
+    EXPECT_LT(c.run.maxrss_kb, small.run.maxrss_kb + 1024) << "peak memory grew with the output";
 #endif
 }
 
