@@ -152,9 +152,10 @@ TEST_F(DatagenArchive, CommandRunsOncePerDomain)
         EXPECT_EQ(errors, test.errors);
         qt::ZipArchive zip = finish();
         EXPECT_EQ(zip.names(), test.members) << zip.error;
-        if (test.max_domains == 3 && entry.uses_domain)
+        if (test.max_domains == 3 && entry.uses_domain) {
             for (size_t i = 0; i < zip.entries.size(); ++i)
                 EXPECT_EQ(zip.entries[i].data, "eth" + std::to_string(i) + "\n");
+        }
     }
 }
 
