@@ -143,7 +143,6 @@ int sink_encrypt_finish(int out_fd)
 // Collection
 // ---------------------------------------------------------------------------
 
-
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/stat.h>
@@ -195,7 +194,9 @@ struct Pipe {
     bool open()
     {
         int fds[2];
-        if (pipe(fds) != 0)
+        // Close-on-exec: no command inherits another pipe's end by mistake;
+        // dup2 clears the flag on the two the child keeps.
+        if (pipe2(fds, O_CLOEXEC) != 0)
             return false;
         read_end.reset(fds[0]);
         write_end.reset(fds[1]);
@@ -294,8 +295,14 @@ void read_stderr(int fd, const char *format)
                             Pipe &sync_pipe)
 {
     char pgid_text[32] = {};
-    dup2(out_pipe.write_end.get(), STDOUT_FILENO);
-    dup2(err_pipe.write_end.get(), STDERR_FILENO);
+    auto keep_as = [](int fd, int target) {
+        if (fd == target)
+            fcntl(fd, F_SETFD, 0);  // already in place: keep it across exec
+        else
+            dup2(fd, target);
+    };
+    keep_as(out_pipe.write_end.get(), STDOUT_FILENO);
+    keep_as(err_pipe.write_end.get(), STDERR_FILENO);
     for (Pipe *p : {&out_pipe, &err_pipe, &sync_pipe})
         close(p->read_end.get());
     for (Pipe *p : {&out_pipe, &err_pipe})
@@ -475,10 +482,7 @@ int quelvane_execute_command(int out_fd, ConfigEntry *entry, ZipWriter *archive,
     }
     set_timer(0);
 
-    if (ending == Ending::interrupted) {
-        kill_command(entry, target);
-        wait_child(pid, &status, WNOHANG);
-    } else if (ending == Ending::timed_out) {
+    if (ending != Ending::finished) {
         kill_command(entry, target);
         wait_child(pid, &status, WNOHANG);
     }
