@@ -120,6 +120,7 @@ double mib_per_s(double bytes, double seconds) { return bytes / (1 << 20) / seco
 
 int main()
 {
+    setvbuf(stdout, nullptr, _IOLBF, 0);  // progress shows as it comes under run-bench
     qt::TempDir dir;
     std::string corpus = dir.file("corpus");
     if (system(("mkdir -p '" + corpus + "' '" + dir.file("home") + "'").c_str()) != 0)
