@@ -143,16 +143,733 @@ int sink_encrypt_finish(int out_fd)
 // Collection
 // ---------------------------------------------------------------------------
 
-int quelvane_execute_command(int, ConfigEntry *, ZipWriter *, int) { return -1; }
-int zip_init_file_member(ConfigEntry *, ZipMember *, std::string *) { return -1; }
-int zip_init_err_member(ConfigEntry *, ZipMember *) { return -1; }
-int datagen_collect_file(int, ConfigEntry *, ZipWriter *) { return -1; }
-int datagen_collect_file_entry(int, ConfigEntry *, ZipWriter *, unsigned *) { return -1; }
-int datagen_write_readme(int, const char *, const char *, ZipWriter *, const char *, const char *,
-                         int, int)
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <sys/wait.h>
+#include <zlib.h>
+
+#include <cstdlib>
+#include <ctime>
+#include <new>
+
+namespace {
+
+// Error text of the entry being collected: a command's standard error and
+// our own "QUELVANE MSG: " lines, written afterwards as its ".err" member.
+Bufchain stderr_chain;
+
+constexpr int32_t ZIP_VERSION = 20;
+constexpr int32_t FLAG_DESCRIPTOR = 8;
+constexpr int32_t METHOD_DEFLATE = 8;
+
+// Two seconds for a signalled command group to go before the run goes on.
+constexpr time_t KILL_GRACE_SECONDS = 2;
+constexpr int POLL_SECONDS = 1;
+
+// A descriptor that closes itself.
+class Descriptor {
+public:
+    Descriptor() = default;
+    ~Descriptor() { reset(); }
+    Descriptor(const Descriptor &) = delete;
+    Descriptor &operator=(const Descriptor &) = delete;
+    int get() const { return fd_; }
+    void reset(int fd = -1)
+    {
+        if (fd_ >= 0)
+            close(fd_);
+        fd_ = fd;
+    }
+
+private:
+    int fd_ = -1;
+};
+
+struct Pipe {
+    Descriptor read_end;
+    Descriptor write_end;
+
+    bool open()
+    {
+        int fds[2];
+        // Close-on-exec: no command inherits another pipe's end by mistake;
+        // dup2 clears the flag on the two the child keeps.
+        if (pipe2(fds, O_CLOEXEC) != 0)
+            return false;
+        read_end.reset(fds[0]);
+        write_end.reset(fds[1]);
+        return true;
+    }
+};
+
+// Empties the stderr chain when the call that filled it returns.
+struct ChainReset {
+    ~ChainReset() { quelvane_bufchain_free(&stderr_chain); }
+};
+
+struct FileClose {
+    ZipMember *member;
+    ~FileClose()
+    {
+        if (member->source_file != nullptr)
+            zip_close_member_file(member);
+    }
+};
+
+void set_timer(time_t seconds)
 {
-    return -1;
+    struct itimerval timer = {};
+    timer.it_value.tv_sec = seconds;
+    setitimer(ITIMER_REAL, &timer, nullptr);
 }
-int datagen_write_config(int, ZipWriter *, const char *, const char *) { return -1; }
-int datagen_walk_entries(int, ConfigList *, ZipWriter *, uint32_t, int, int) { return -1; }
-int datagen_run_command_entry(int, ConfigEntry *, ZipWriter *, unsigned *, int) { return -1; }
+
+// A late alarm must not reach the next command: every way out of the runner
+// disarms the timer.
+struct TimerDisarm {
+    ~TimerDisarm() { set_timer(0); }
+};
+
+// Kept in release builds too: a child sharing our process group would take
+// the tool down with it when its group is signalled.
+void require(bool condition, const char *text)
+{
+    if (condition)
+        return;
+    fprintf(stderr, "%s: quelvane_execute_command: Assertion `%s' failed.\n",
+            program_name != nullptr ? program_name : "quelvane", text);
+    abort();
+}
+
+bool chain_empty(const Bufchain *chain)
+{
+    unsigned length = 0;
+    return quelvane_bufchain_length(chain, &length) != 0 || length == 0;
+}
+
+// Begins the member, deflates the chain into it and finishes it.
+int write_chain_member(int out_fd, Bufchain *chain, ZipMember *member, ZipWriter *archive)
+{
+    if (quelvane_z_output_local_file_header(out_fd, member, &archive->total_written) != 0 ||
+        quelvane_bufchain_write(chain, member, out_fd, &archive->total_written, Z_FINISH) != 0 ||
+        zip_finish_member(out_fd, member, &archive->total_written) != 0)
+        return -1;
+    return 0;
+}
+
+// SIGTERM to the whole command group, then its grace period. Never SIGKILL:
+// a group that ignores SIGTERM is left running.
+void kill_command(const ConfigEntry *entry, int target)
+{
+    kill(target, SIGTERM);
+    // The child's own SIGCHLD would cut a plain sleep short; its children
+    // get the whole grace period too.
+    struct timespec left = {KILL_GRACE_SECONDS, 0};
+    while (nanosleep(&left, &left) == -1 && errno == EINTR) {
+    }
+    if (!child_exited)
+        print_progress(_("Command '%s' (pid %d) did not exit.\n"), entry->path.c_str(), abs(target));
+}
+
+pid_t wait_child(pid_t pid, int *status, int options)
+{
+    pid_t got;
+    do {
+        got = waitpid(pid, status, options);
+    } while (got == -1 && errno == EINTR);
+    if (got == -1)
+        perror("waitpid");
+    return got;
+}
+
+void read_stderr(int fd, const char *format)
+{
+    int ret = quelvane_bufchain_read_fd(&stderr_chain, fd);
+    if (ret != 0 && bufchain_error != ENOSPC)
+        fprintf(stderr, format, ret, fd, errno);
+}
+
+// Runs in the forked child; never returns.
+[[noreturn]] void run_child(const ConfigEntry *entry, int out_fd, Pipe &out_pipe, Pipe &err_pipe,
+                            Pipe &sync_pipe)
+{
+    char pgid_text[32] = {};
+    auto keep_as = [](int fd, int target) {
+        if (fd == target)
+            fcntl(fd, F_SETFD, 0);  // already in place: keep it across exec
+        else
+            dup2(fd, target);
+    };
+    keep_as(out_pipe.write_end.get(), STDOUT_FILENO);
+    keep_as(err_pipe.write_end.get(), STDERR_FILENO);
+    for (Pipe *p : {&out_pipe, &err_pipe, &sync_pipe})
+        close(p->read_end.get());
+    for (Pipe *p : {&out_pipe, &err_pipe})
+        if (p->write_end.get() > STDERR_FILENO)
+            close(p->write_end.get());
+    // The command must not hold the archive open.
+    if (out_fd > STDERR_FILENO)
+        close(out_fd);
+    // A group of its own, so that SIGTERM reaches everything it starts and a
+    // terminal interrupt aimed at us does not reach it directly.
+    setpgrp();
+    snprintf(pgid_text, sizeof pgid_text, "%d", static_cast<int>(getpgid(0)));
+    ssize_t ignored = write(sync_pipe.write_end.get(), pgid_text, strlen(pgid_text));
+    (void)ignored;
+    close(sync_pipe.write_end.get());
+
+    execl("/bin/sh", "sh", "-c", entry->command.c_str(), static_cast<char *>(nullptr));
+    int error = errno;
+    fprintf(stderr, _("QUELVANE MSG: Unable to exec: '%s' errno: %d\n"), entry->path.c_str(), error);
+    errno = error;
+    perror(entry->path.c_str());
+    close(STDOUT_FILENO);
+    fflush(stderr);
+    _exit(error);
+}
+
+enum class Ending { running, finished, interrupted, timed_out };
+
+}  // namespace
+
+int quelvane_execute_command(int out_fd, ConfigEntry *entry, ZipWriter *archive, int index)
+{
+    if (out_fd < 0 || entry == nullptr || archive == nullptr)
+        return -1;
+    print_progress(_("Starting Command: %s\n"), entry->command.c_str());
+
+    ZipMember out_member;
+    ZipMember err_member;
+    ChainReset chain_reset;
+    quelvane_bufchain_free(&stderr_chain);
+    child_exited = 0;
+    command_timed_out = 0;
+
+    if (quelvane_zip_stderr_member(entry, &err_member, index) != 0)
+        return -1;
+
+    const char *program = entry->argv.empty() ? entry->path.c_str() : entry->argv[0].c_str();
+    if (access(program, X_OK) != 0) {
+        if (quelvane_vbprintf(&stderr_chain, _("QUELVANE MSG: %s does not exist on this platform\n"),
+                              entry->path.c_str()) < 0)
+            return -1;
+        if (write_chain_member(out_fd, &stderr_chain, &err_member, archive) != 0) {
+            print_progress(_("Error with output\n"));
+            return -2;
+        }
+        return -1;
+    }
+
+    if (quelvane_zip_stdout_member(entry, &out_member, index) != 0)
+        return -1;
+
+    Pipe out_pipe;
+    Pipe err_pipe;
+    Pipe sync_pipe;
+    if (!out_pipe.open() || !err_pipe.open() || !sync_pipe.open())
+        return -1;
+
+    pid_t pid = fork();
+    if (pid < 0) {
+        int error = errno;
+        fprintf(stderr, _("Can't fork for %s\n"), entry->path.c_str());
+        errno = error;
+        perror(entry->path.c_str());
+        return -1;
+    }
+    if (pid == 0)
+        run_child(entry, out_fd, out_pipe, err_pipe, sync_pipe);
+
+    // Our own write ends go first, so that a child that dies before it
+    // reports its group cannot leave the read below waiting.
+    for (Pipe *p : {&out_pipe, &err_pipe, &sync_pipe})
+        p->write_end.reset();
+    char pgid_text[32] = {};
+    ssize_t got;
+    do {
+        got = read(sync_pipe.read_end.get(), pgid_text, sizeof pgid_text - 1);
+    } while (got == -1 && errno == EINTR);
+    int childpgrpid = -1;
+    sscanf(pgid_text, "%d", &childpgrpid);
+    require(childpgrpid != getpgid(0), "childpgrpid != getpgid(0)");
+    require(childpgrpid == getpgid(pid), "childpgrpid == getpgid(pid)");
+    const int target = childpgrpid == -1 ? pid : -childpgrpid;
+    sync_pipe.read_end.reset();
+
+    const int out_read = out_pipe.read_end.get();
+    const int err_read = err_pipe.read_end.get();
+    // Never block on a pipe: a background process of the command may hold
+    // it open long after the command itself has gone.
+    for (int fd : {out_read, err_read})
+        fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
+
+    TimerDisarm timer_disarm;
+    struct itimerval timer = {};
+    timer.it_value.tv_sec = entry->timeout;
+    if (setitimer(ITIMER_REAL, &timer, nullptr) != 0) {
+        perror("setitimer");
+        kill_command(entry, target);
+        return -1;
+    }
+    if (quelvane_z_output_local_file_header(out_fd, &out_member, &archive->total_written) != 0) {
+        perror("quelvane_z_output_local_file_header");
+        set_timer(0);
+        kill_command(entry, target);
+        return -2;
+    }
+
+    // The signals that set our flags are held back outside the poll itself:
+    // one arriving between the test of the flags and the poll would
+    // otherwise leave us waiting out the full second.
+    sigset_t watched;
+    sigemptyset(&watched);
+    for (int signo : {SIGCHLD, SIGALRM, SIGHUP, SIGINT, SIGQUIT, SIGTERM})
+        sigaddset(&watched, signo);
+
+    struct pollfd slots[2] = {{out_read, POLLIN, 0}, {err_read, POLLIN, 0}};
+    Ending ending = Ending::running;
+    int status = 0;
+    while (ending == Ending::running) {
+        status = 0;
+        bufchain_error = 0;
+        errno = 0;
+        sigset_t previous;
+        sigprocmask(SIG_BLOCK, &watched, &previous);
+        struct timespec wait = {child_exited || interrupted_by_user || command_timed_out ? 0 : POLL_SECONDS, 0};
+        slots[0].revents = slots[1].revents = 0;
+        int ready = ppoll(slots, 2, &wait, &previous);
+        int poll_error = errno;
+        sigprocmask(SIG_SETMASK, &previous, nullptr);
+        if (ready == -1 && poll_error != EINTR) {
+            fputs(_("poll error"), stderr);
+            errno = poll_error;
+            perror("poll");
+        }
+
+        if (child_exited) {
+            // SIGCHLD may come from an earlier command left running, or
+            // report a stop: only our child's end finishes the command.
+            child_exited = 0;
+            pid_t reaped = wait_child(pid, &status, WNOHANG);
+            if (reaped != 0) {
+                child_exited = 1;
+                ending = Ending::finished;
+                break;
+            }
+        }
+        if (interrupted_by_user) {
+            ending = Ending::interrupted;
+            break;
+        }
+        if (command_timed_out) {
+            ending = Ending::timed_out;
+            break;
+        }
+
+        // A hung-up pipe with nothing left to read would wake every poll.
+        for (struct pollfd &slot : slots)
+            if ((slot.revents & (POLLHUP | POLLERR | POLLNVAL)) && !(slot.revents & POLLIN))
+                slot.fd = -1;
+        if (slots[0].revents & POLLIN) {
+            if (zip_deflate_fd(out_fd, &out_member, out_read, Z_NO_FLUSH, &archive->total_written) != 0) {
+                print_progress(_("Error with output\n"));
+                return -2;
+            }
+        }
+        if (slots[1].revents & POLLIN)
+            read_stderr(err_read, _("Error while buffering stderr ret=%d fd=%d errno=%d\n"));
+    }
+    set_timer(0);
+
+    if (ending != Ending::finished) {
+        kill_command(entry, target);
+        wait_child(pid, &status, WNOHANG);
+    }
+
+    // Whatever the command left in its pipes, without waiting for the end
+    // of a stream that a background process may still hold open.
+    if (zip_deflate_fd(out_fd, &out_member, out_read, Z_FINISH, &archive->total_written) != 0 ||
+        zip_finish_member(out_fd, &out_member, &archive->total_written) != 0) {
+        print_progress(_("Error with output\n"));
+        return -2;
+    }
+    read_stderr(err_read, _("Error buffering stderr ret=%d fd=%d errno=%d\n"));
+
+    if (ending == Ending::timed_out) {
+        if (quelvane_vbprintf(&stderr_chain, _("QUELVANE MSG: Command Timeout: Exit Signal: %d\n"),
+                              status & 0x7f) < 0) {
+            fputs(_("Error withquelvane_vbprintf: TO message\n"), stderr);
+            return -1;
+        }
+        if (write_chain_member(out_fd, &stderr_chain, &err_member, archive) != 0) {
+            print_progress(_("Error with output\n"));
+            return -2;
+        }
+        print_progress(_("Command '%s' timed out\n"), entry->path.c_str());
+        return -1;
+    }
+
+    // Only an exit code counts as a failure; a command ended by a signal we
+    // did not send is reported as having exited normally.
+    const int exit_code = (status & 0x7f) == 0 ? (status >> 8) & 0xff : 0;
+    if (exit_code != 0) {
+        // The exit code is described as if it were an errno value.
+        if (quelvane_vbprintf(&stderr_chain, _("QUELVANE MSG: Child exited with %d: %s\n"), exit_code,
+                              strerror(exit_code)) < 0) {
+            fputs(_("Error withquelvane_vbprintf: Exit\n"), stderr);
+            return -1;
+        }
+    }
+    const bool interrupted = ending == Ending::interrupted;
+    if (interrupted && quelvane_vbprintf(&stderr_chain, _("QUELVANE MSG: User Interrupt\n")) < 0) {
+        fputs(_("Error withquelvane_vbprintf: Interrupt Message\n"), stderr);
+        return -1;
+    }
+    if (!chain_empty(&stderr_chain) &&
+        write_chain_member(out_fd, &stderr_chain, &err_member, archive) != 0) {
+        print_progress(_("Error with output\n"));
+        return -2;
+    }
+
+    print_progress(_("Command '%s' "), entry->path.c_str());
+    if (interrupted)
+        print_progress(_("interrupted by user\n"));
+    else if (exit_code != 0)
+        print_progress(_("exited with %d: %s\n"), exit_code, strerror(exit_code));
+    else
+        print_progress(_("exited normally\n"));
+    return 0;
+}
+
+// ---------------------------------------------------------------------------
+// Files and patterns
+// ---------------------------------------------------------------------------
+
+int zip_init_file_member(ConfigEntry *entry, ZipMember *member, std::string *error_text)
+{
+    auto fail = [error_text](const char *text, int code) {
+        if (error_text != nullptr)
+            *error_text = text;
+        return code;
+    };
+    try {
+        if (entry == nullptr || member == nullptr)
+            return fail(_("Invalid Arguments"), -1);
+        if (entry->path.empty())
+            return fail(_("Pathname not supplied for config entry"), -1);
+
+        struct stat st;
+        errno = 0;
+        if (stat(entry->path.c_str(), &st) != 0) {
+            int error = errno != 0 ? errno : ENOENT;
+            if (error == ENOENT)
+                return fail(_("No such file"), error);
+            if (error == EACCES)
+                return fail(_("Permission denied"), error);
+            return fail(_("Couldn't stat file"), error);
+        }
+        if (!S_ISREG(st.st_mode))
+            return fail(_("Not a file"), EINVAL);
+
+        std::string name = quelvane_config_path_name(entry, nullptr);
+        if (name.empty())
+            return fail(_("Invalid path name"), -1);
+        std::string source;
+        try {
+            source = entry->path;
+        } catch (const std::bad_alloc &) {
+            return fail(_("No Memory"), -1);
+        }
+
+        *member = ZipMember{};
+        member->version_needed = ZIP_VERSION;
+        member->flags = FLAG_DESCRIPTOR;
+        member->method = METHOD_DEFLATE;
+        member->kind = MEMBER_FILE;
+        // The size declared is the one stat saw: /proc files declare 0 and a
+        // growing log its size at this moment, whatever is read later.
+        member->uncompressed_size = static_cast<uint32_t>(st.st_size);
+        member->dos_datetime = static_cast<uint32_t>(st.st_mtime);
+        member->name = std::move(name);
+        member->source_path = std::move(source);
+        return 0;
+    } catch (const std::bad_alloc &) {
+        return fail("", -1);
+    }
+}
+
+int zip_init_err_member(ConfigEntry *entry, ZipMember *member)
+{
+    if (entry == nullptr || member == nullptr)
+        return -1;
+    try {
+        std::string name = quelvane_config_path_name(entry, ".err");
+        if (name.empty())
+            return -1;
+        *member = ZipMember{};
+        member->version_needed = ZIP_VERSION;
+        member->flags = FLAG_DESCRIPTOR;
+        member->method = METHOD_DEFLATE;
+        // Kind, size 0 and time 0 are kept as a collected file's, so the
+        // member declares size 0 and 1 January 1980 whatever text it holds.
+        member->kind = MEMBER_FILE;
+        member->name = std::move(name);
+        return 0;
+    } catch (const std::bad_alloc &) {
+        return -1;
+    }
+}
+
+int datagen_collect_file(int out_fd, ConfigEntry *entry, ZipWriter *archive)
+{
+    if (out_fd < 0 || entry == nullptr || archive == nullptr)
+        return -1;
+    ZipMember file_member;
+    ZipMember err_member;
+    ChainReset chain_reset;
+    quelvane_bufchain_free(&stderr_chain);
+    const char *path = entry->path.c_str();
+    print_progress(_("Collecting file: %s"), path);
+
+    if (zip_init_err_member(entry, &err_member) != 0) {
+        print_progress(_(" - Status: FAIL\n"));
+        print_progress(_("Cannot collect errors for: %s\n"), path);
+        return -1;
+    }
+
+    int result = 0;
+    bool chain_failed = false;
+    std::string error_text;
+    int code = zip_init_file_member(entry, &file_member, &error_text);
+    FileClose file_close{&file_member};
+    if (code != 0) {
+        print_progress(_(" - Status: No file status\n"));
+        print_progress(_("Error for file: %s: %s\n"), path, error_text.c_str());
+        result = code > 0 ? -3 : -1;
+        if (quelvane_vbprintf(&stderr_chain, _("Error for file: %s: %s\n"), path, error_text.c_str()) < 0) {
+            fprintf(stderr, _("quelvane_vbprintf: unable to write stderr buffer: '%s'\n"), path);
+            result = -1;
+            chain_failed = true;
+        }
+    } else if (zip_open_member_file(&file_member) != 0) {
+        int error = errno;
+        result = error == EACCES ? -3 : -1;
+        const char *source = file_member.source_path.c_str();
+        print_progress(_(" - Status: FAIL\n"));
+        print_progress(_("Unable to open file: %s: %s\n"), source, strerror(error));
+        if (quelvane_vbprintf(&stderr_chain, _("Unable to open file: %s: %s\n"), source, strerror(error)) < 0) {
+            fprintf(stderr, _("quelvane_vbprintf: unable to write stderr buffer opening: '%s'\n"), path);
+            result = -1;
+            chain_failed = true;
+        }
+    } else {
+        int read_error = 0;
+        bool begun = quelvane_z_output_local_file_header(out_fd, &file_member, &archive->total_written) == 0;
+        if (begun && zip_deflate_file(out_fd, &file_member, &archive->total_written, &read_error) == 0 &&
+            zip_finish_member(out_fd, &file_member, &archive->total_written) == 0) {
+            zip_close_member_file(&file_member);
+            print_progress(_(" - Status: ok\n"));
+        } else {
+            result = -2;
+            print_progress(_(" - Status: FAIL\n"));
+            zip_close_member_file(&file_member);
+            if (read_error != 0) {
+                // A read error is the file's fault, not the archive's. The
+                // member is ended where the data stopped, so that the archive
+                // stays readable; it keeps its stat size, which readers flag.
+                static const unsigned char nothing = 0;
+                int ended = zip_deflate_chunk(&file_member, out_fd, &nothing, 0, Z_FINISH,
+                                              &archive->total_written);
+                if ((ended == Z_OK || ended == Z_STREAM_END) &&
+                    zip_finish_member(out_fd, &file_member, &archive->total_written) == 0)
+                    result = -1;
+                print_progress(_(" - Status: FAIL reading file, errno=%d\n"), read_error);
+                if (quelvane_vbprintf(&stderr_chain, _("Unable to read file: %s: %s\n"),
+                                      file_member.source_path.c_str(), strerror(read_error)) < 0) {
+                    fprintf(stderr, _("quelvane_vbprintf: unable to write stderr buffer opening: '%s'\n"),
+                            path);
+                    chain_failed = true;
+                }
+            }
+        }
+    }
+
+    if (result != -2 && !chain_failed && !chain_empty(&stderr_chain) &&
+        write_chain_member(out_fd, &stderr_chain, &err_member, archive) != 0)
+        result = -2;
+    return result;
+}
+
+int datagen_collect_file_entry(int out_fd, ConfigEntry *entry, ZipWriter *archive, unsigned *errors)
+{
+    if (out_fd < 0 || entry == nullptr || archive == nullptr || errors == nullptr)
+        return -1;
+    if (entry->literal_path) {
+        int result = datagen_collect_file(out_fd, entry, archive);
+        if (result == -1)
+            ++*errors;
+        return result;
+    }
+    // A pattern without matches is no error: configurations list files that
+    // only some systems have.
+    if (config_glob_next(entry) != 0)
+        return 0;
+    int result = 0;
+    do {
+        result = datagen_collect_file(out_fd, entry, archive);
+        if (result == -2)
+            return -2;
+        if (result == -1)
+            ++*errors;
+    } while (config_glob_next(nullptr) == 0);
+    return result;
+}
+
+// ---------------------------------------------------------------------------
+// README and CONFIG
+// ---------------------------------------------------------------------------
+
+namespace {
+
+std::string top_member_name(const char *prefix, const char *name)
+{
+    std::string text = prefix;
+    if (!text.empty())
+        text += "/";
+    return text + name;
+}
+
+}  // namespace
+
+int datagen_write_readme(int out_fd, const char *archive_name, const char *config_file,
+                         ZipWriter *archive, const char *prefix, const char *log_sets,
+                         int sp_sw_down, int max_domains)
+{
+    if (out_fd < 0 || archive_name == nullptr || config_file == nullptr || archive == nullptr ||
+        prefix == nullptr || log_sets == nullptr)
+        return -1;
+    try {
+        ZipMember member;
+        member.name = top_member_name(prefix, "README");
+        member.version_needed = ZIP_VERSION;
+        member.flags = FLAG_DESCRIPTOR;
+        member.method = METHOD_DEFLATE;
+        member.kind = MEMBER_GENERATED;
+
+        // Scripts read these lines: they are never translated.
+        Bufchain text;
+        if (quelvane_vbprintf(&text, "Archive Name: %s\n", archive_name) < 0 ||
+            quelvane_vbprintf(&text, "Config File: %s\n", config_file) < 0 ||
+            quelvane_vbprintf(&text, "Version: %s\n", "1.1") < 0 ||
+            quelvane_vbprintf(&text, "LOG-ONLY MODE: %s\n", log_only_mode ? "yes" : "no") < 0 ||
+            quelvane_vbprintf(&text, "Log Sets: %s\n", log_sets) < 0 ||
+            quelvane_vbprintf(&text, "SP SW DOWN: %s\n", sp_sw_down ? "yes" : "no") < 0 ||
+            quelvane_vbprintf(&text, "Max Domains: %d\n", max_domains) < 0) {
+            fputs(_("Error buffering README\n"), stderr);
+            return -1;
+        }
+        return write_chain_member(out_fd, &text, &member, archive) == 0 ? 0 : -2;
+    } catch (const std::bad_alloc &) {
+        return -1;
+    }
+}
+
+int datagen_write_config(int out_fd, ZipWriter *archive, const char *prefix, const char *config_file)
+{
+    if (out_fd < 0 || archive == nullptr || prefix == nullptr || config_file == nullptr)
+        return -1;
+    try {
+        ZipMember member;
+        member.name = top_member_name(prefix, "CONFIG");
+        struct stat st;
+        if (stat(config_file, &st) != 0)
+            return -1;
+        member.version_needed = ZIP_VERSION;
+        member.flags = FLAG_DESCRIPTOR;
+        member.method = METHOD_DEFLATE;
+        member.kind = MEMBER_FILE;
+        member.source_path = config_file;
+        member.uncompressed_size = static_cast<uint32_t>(st.st_size);
+        member.dos_datetime = static_cast<uint32_t>(st.st_mtime);
+        // Unreadable although stat saw it: the run goes on without it.
+        member.source_file = fopen(config_file, "r");
+        if (member.source_file == nullptr)
+            return 0;
+        FileClose file_close{&member};
+        int read_error = 0;
+        if (quelvane_z_output_local_file_header(out_fd, &member, &archive->total_written) != 0 ||
+            zip_deflate_file(out_fd, &member, &archive->total_written, &read_error) != 0 ||
+            zip_finish_member(out_fd, &member, &archive->total_written) != 0)
+            return -2;
+        return 0;
+    } catch (const std::bad_alloc &) {
+        return -1;
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Collection walk
+// ---------------------------------------------------------------------------
+
+int datagen_run_command_entry(int out_fd, ConfigEntry *entry, ZipWriter *archive, unsigned *errors,
+                              int max_domains)
+{
+    if (out_fd < 0 || entry == nullptr || archive == nullptr || errors == nullptr)
+        return -1;
+    int result = 0;
+    for (int index = 0;; ++index) {
+        try {
+            entry->command = quelvane_config_command_string(entry, index);
+        } catch (const std::bad_alloc &) {
+            entry->command.clear();
+        }
+        if (entry->command.empty()) {
+            ++*errors;
+            result = 0;
+        } else {
+            result = quelvane_execute_command(out_fd, entry, archive, index);
+            if (result == -2)
+                return -2;
+            if (result == -1)
+                ++*errors;
+        }
+        // An interrupt stops the next domain's run as it stops the next entry.
+        if (!entry->uses_domain || index + 1 >= max_domains || interrupted_by_user)
+            break;
+    }
+    return result;
+}
+
+int datagen_walk_entries(int out_fd, ConfigList *list, ZipWriter *archive, uint32_t datasets,
+                         int sp_sw_down, int max_domains)
+{
+    if (out_fd < 0 || list == nullptr || archive == nullptr)
+        return -1;
+    unsigned errors = 0;
+    for (ConfigEntry *entry = list->head; entry != nullptr && !interrupted_by_user;
+         entry = entry->next) {
+        if (sp_sw_down && !entry->collect_when_spswdown)
+            continue;
+        if ((entry->datasets & datasets) == 0)
+            continue;
+        int result;
+        switch (entry->type) {
+        case ENTRY_CMD:
+        case ENTRY_CUT:
+            result = datagen_run_command_entry(out_fd, entry, archive, &errors, max_domains);
+            break;
+        case ENTRY_FILE:
+        case ENTRY_LOG:
+            result = datagen_collect_file_entry(out_fd, entry, archive, &errors);
+            break;
+        default:
+            continue;
+        }
+        if (result == -2)
+            return -2;
+    }
+    if (interrupted_by_user)
+        return -1;
+    return static_cast<int>(errors);
+}

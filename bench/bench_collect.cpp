@@ -1,0 +1,226 @@
+// Collection throughput and memory: a generated corpus of log-like files
+// collected by quelvane, beside zip -r -6 of the same files and a bare
+// zlib deflate + CRC loop over them; then a configuration of 200 short
+// commands. Prints PASS/FAIL lines and exits non-zero on any FAIL.
+#include <fcntl.h>
+#include <unistd.h>
+#include <zlib.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cinttypes>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "testsupport.h"
+
+namespace {
+
+constexpr size_t FILE_COUNT = 60;
+constexpr size_t FILE_SIZE = 5u << 20;  // 300 MiB in all
+constexpr int ROUNDS = 2;               // best of, on a shared machine
+constexpr long MEMORY_LIMIT_KB = 8 * 1024;
+constexpr int COMMAND_COUNT = 200;
+
+// Log lines with varying numbers and words: compresses about as real
+// logs do, neither trivially nor not at all.
+std::string log_text(size_t size, uint32_t seed)
+{
+    static const char *const messages[] = {
+        "kernel: [%u.%06u] eth%u: link up, 1000 Mbps, full duplex, rx %u tx %u",
+        "sshd[%u]: Accepted publickey for admin from 10.%u.%u.%u port %u ssh2",
+        "controller[%u]: fan %u speed %u rpm, inlet %u.%u C, exhaust %u C",
+        "cron[%u]: (root) CMD (/usr/lib/ctl/poll --domain %u --interval %u) exit %u",
+        "kernel: [%u.%06u] sd %u:0:0:0: [sd%c] %u 512-byte logical blocks, write cache %s",
+        "daemon[%u]: heartbeat %u from sp%u ok, latency %u us, queue %u",
+    };
+    std::string text;
+    text.reserve(size + 256);
+    uint32_t state = seed * 2654435761u + 1;
+    auto next = [&state] {
+        state = state * 1664525u + 1013904223u;
+        return state >> 8;
+    };
+    char line[256];
+    while (text.size() < size) {
+        uint32_t t = next();
+        int head = snprintf(line, sizeof line, "Nov %2u %02u:%02u:%02u ctl%u ", 1 + t % 28, t % 24,
+                            t / 24 % 60, t / 1440 % 60, t % 4);
+        unsigned kind = next() % 6;
+        int body;
+        if (kind == 4)
+            body = snprintf(line + head, sizeof line - head, messages[kind], next() % 90000,
+                            next() % 1000000, next() % 8, 'a' + next() % 4, next(),
+                            next() % 2 ? "enabled" : "disabled");
+        else
+            body = snprintf(line + head, sizeof line - head, messages[kind], next() % 90000,
+                            next() % 1000000, next() % 8, next() % 100000, next() % 100000,
+                            next() % 256);
+        text.append(line, static_cast<size_t>(head + body));
+        text += '\n';
+    }
+    text.resize(size);
+    return text;
+}
+
+double now()
+{
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
+// What every collector must at least do: read, CRC, raw deflate at the
+// default level, output thrown away.
+double bare_loop(const std::vector<std::string> &files, uint64_t *compressed)
+{
+    double started = now();
+    z_stream stream{};
+    deflateInit2(&stream, Z_DEFAULT_COMPRESSION, Z_DEFLATED, -15, 9, Z_DEFAULT_STRATEGY);
+    std::vector<unsigned char> in(32768), out(32768);
+    *compressed = 0;
+    for (const std::string &path : files) {
+        int fd = open(path.c_str(), O_RDONLY);
+        uLong crc = crc32(0, nullptr, 0);
+        deflateReset(&stream);
+        ssize_t count;
+        int flush;
+        do {
+            count = read(fd, in.data(), in.size());
+            if (count < 0)
+                count = 0;
+            crc = crc32(crc, in.data(), static_cast<uInt>(count));
+            flush = count < static_cast<ssize_t>(in.size()) ? Z_FINISH : Z_NO_FLUSH;
+            stream.next_in = in.data();
+            stream.avail_in = static_cast<uInt>(count);
+            do {
+                stream.next_out = out.data();
+                stream.avail_out = static_cast<uInt>(out.size());
+                deflate(&stream, flush);
+                *compressed += out.size() - stream.avail_out;
+            } while (stream.avail_out == 0);
+        } while (flush != Z_FINISH);
+        close(fd);
+        if (crc == 0x12345678)  // keep the CRC from being optimised away
+            fputs("", stderr);
+    }
+    deflateEnd(&stream);
+    return now() - started;
+}
+
+bool report(bool pass, const std::string &what)
+{
+    printf("%s: %s\n", pass ? "PASS" : "FAIL", what.c_str());
+    return pass;
+}
+
+double mib_per_s(double bytes, double seconds) { return bytes / (1 << 20) / seconds; }
+
+}  // namespace
+
+int main()
+{
+    setvbuf(stdout, nullptr, _IOLBF, 0);  // progress shows as it comes under run-bench
+    qt::TempDir dir;
+    std::string corpus = dir.file("corpus");
+    if (system(("mkdir -p '" + corpus + "' '" + dir.file("home") + "'").c_str()) != 0)
+        return 2;
+    std::vector<std::string> files;
+    double generated = now();
+    for (size_t i = 0; i < FILE_COUNT; ++i) {
+        char name[64];
+        snprintf(name, sizeof name, "/ctl%02zu.log", i);
+        files.push_back(corpus + name);
+        if (!qt::write_file(files.back(), log_text(FILE_SIZE, static_cast<uint32_t>(i))))
+            return 2;
+    }
+    const double total = static_cast<double>(FILE_COUNT * FILE_SIZE);
+    printf("corpus: %zu files, %.0f MiB of log text, generated in %.1f s\n", FILE_COUNT,
+           total / (1 << 20), now() - generated);
+
+    std::string config = dir.file("corpus.conf");
+    qt::write_file(config, "log A,-,y,n corpus " + corpus + "/*.log\n");
+    std::string archive = dir.file("quelvane.zip");
+    std::string zip_archive = dir.file("zip.zip");
+    double quelvane_s = 1e9, zip_s = 1e9, bare_s = 1e9;
+    long quelvane_kb = 0;
+    uint64_t bare_size = 0;
+    // The three take turns, so that a neighbour's load falls on each alike.
+    for (int round = 0; round < ROUNDS; ++round) {
+        qt::RunResult r = qt::run_quelvane(dir, {"-L", "A", "-f", config, "-a", "bench.zip", "-o", archive});
+        if (r.status != 0) {
+            printf("FAIL: quelvane exited %d: %s\n", r.status, r.err.c_str());
+            return 1;
+        }
+        quelvane_s = std::min(quelvane_s, r.seconds);
+        quelvane_kb = std::max(quelvane_kb, r.maxrss_kb);
+
+        unlink(zip_archive.c_str());
+        qt::RunSpec spec;
+        spec.program = "/usr/bin/zip";
+        spec.args = {"-q", "-r", "-6", zip_archive, "corpus"};
+        spec.cwd = dir.path();
+        spec.timeout_seconds = 120;
+        r = qt::run(spec);
+        if (r.status != 0) {
+            printf("FAIL: zip exited %d: %s\n", r.status, r.err.c_str());
+            return 1;
+        }
+        zip_s = std::min(zip_s, r.seconds);
+
+        bare_s = std::min(bare_s, bare_loop(files, &bare_size));
+    }
+    uint64_t archive_size = qt::read_file(archive).size();
+    uint64_t zip_size = qt::read_file(zip_archive).size();
+    qt::RunResult test = qt::run_program("/usr/bin/unzip", {"-tq", archive});
+
+    printf("\n%-28s %10s %10s %12s %10s\n", "corpus collection", "seconds", "MiB/s", "archive MiB",
+           "peak KiB");
+    printf("%-28s %10.2f %10.1f %12.1f %10ld\n", "quelvane", quelvane_s, mib_per_s(total, quelvane_s),
+           archive_size / 1048576.0, quelvane_kb);
+    printf("%-28s %10.2f %10.1f %12.1f %10s\n", "zip -r -6", zip_s, mib_per_s(total, zip_s),
+           zip_size / 1048576.0, "-");
+    printf("%-28s %10.2f %10.1f %12.1f %10s\n", "bare deflate + crc32 loop", bare_s,
+           mib_per_s(total, bare_s), bare_size / 1048576.0, "-");
+    printf("\n");
+
+    bool ok = true;
+    ok &= report(test.status == 0, "the collected archive passes unzip -t");
+    ok &= report(quelvane_s < zip_s, "quelvane is faster than zip -r -6 (" +
+                                         std::to_string(zip_s / quelvane_s) + "x)");
+    ok &= report(bare_s / quelvane_s >= 0.9, "quelvane reaches " +
+                                                 std::to_string(static_cast<int>(100 * bare_s / quelvane_s)) +
+                                                 "% of the bare loop (at least 90%)");
+    ok &= report(quelvane_kb < MEMORY_LIMIT_KB,
+                 "peak memory " + std::to_string(quelvane_kb) + " KiB is under 8 MiB");
+
+    // Many short commands: the cost of a fork, a shell and a member each.
+    std::string commands = dir.file("commands.conf");
+    std::string lines;
+    for (int i = 0; i < COMMAND_COUNT; ++i)
+        lines += "cmd A,-,y,n commands/" + std::to_string(i) + " /bin/echo command " + std::to_string(i) + "\n";
+    qt::write_file(commands, lines);
+    double commands_s = 1e9;
+    long commands_kb = 0;
+    for (int round = 0; round < ROUNDS; ++round) {
+        qt::RunResult r = qt::run_quelvane(
+            dir, {"-L", "A", "-f", commands, "-a", "commands.zip", "-o", dir.file("commands.zip")});
+        if (r.status != 0) {
+            printf("FAIL: quelvane exited %d on the commands: %s\n", r.status, r.err.c_str());
+            return 1;
+        }
+        commands_s = std::min(commands_s, r.seconds);
+        commands_kb = std::max(commands_kb, r.maxrss_kb);
+    }
+    qt::RunResult listed = qt::run_program("/usr/bin/unzip", {"-tq", dir.file("commands.zip")});
+    printf("\n%d short commands: %.2f s, %.1f ms a command, %.0f commands/s, peak %ld KiB "
+           "(commands included)\n\n",
+           COMMAND_COUNT, commands_s, 1000 * commands_s / COMMAND_COUNT, COMMAND_COUNT / commands_s,
+           commands_kb);
+    ok &= report(listed.status == 0, "the commands' archive passes unzip -t");
+    // A command that waits out the poll's second on its way out shows here.
+    ok &= report(commands_s < COMMAND_COUNT * 0.05, "every short command ends without waiting (under 50 ms each)");
+    ok &= report(commands_kb < MEMORY_LIMIT_KB,
+                 "peak memory " + std::to_string(commands_kb) + " KiB is under 8 MiB");
+    return ok ? 0 : 1;
+}
