@@ -37,7 +37,7 @@ test-asan: build-asan
 	cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=1 ctest -j $(JOBS) --output-on-failure
 
 bench: build
-	tests/bench/run-bench $(BUILD)
+	bench/run-bench $(BUILD)
 
 clean:
 	rm -rf $(BUILD) $(ASAN_BUILD)

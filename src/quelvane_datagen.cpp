@@ -76,7 +76,7 @@ int sink_encrypt_start(const char *password, int out_fd)
     if (out_fd >= 0) {
         // A short count is taken as success: the output is a regular file
         // or a blocking pipe.
-        if (write_retrying(out_fd, ENCRYPTED_MAGIC, SALT_LENGTH) == -1 ||
+        if (write_retrying(out_fd, ENCRYPTED_MAGIC, sizeof ENCRYPTED_MAGIC - 1) == -1 ||
             write_retrying(out_fd, salt, sizeof salt) == -1) {
             cipher.reset();
             return -1;
@@ -116,8 +116,10 @@ int sink_write(const void *data, size_t length, int out_fd)
         if (count == 0)  // the cipher holds the bytes back for the next block
             break;
         last = write_retrying(out_fd, bytes, count);
-        if (last == -1)
-            fprintf(stderr, "%s: %s\n", _("Error writing data file"), strerror(errno));
+        if (last == -1) {
+            int error = errno;  // before the catalogue lookup can touch it
+            fprintf(stderr, "%s: %s\n", _("Error writing data file"), strerror(error));
+        }
         // A short count is taken as done: the rest of the piece is not
         // written again.
     }

@@ -1,28 +1,449 @@
 // One-pass ZIP writer and the raw deflate stream.
+//
+// The archive is written front to back with no seeking (the output may be a
+// pipe or an encrypted stream), so each member's CRC and sizes travel in a
+// data descriptor after its data, and the central directory is written at
+// the end from the list of finished members.
 #include "quelvane_zip.h"
+
+#include <cerrno>
+#include <cstring>
+#include <new>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <zlib.h>
 
 #include "quelvane_datagen.h"
 #include "quelvane_util.h"
 
-int zip_write_u32(int, uint32_t) { return -1; }
-int zip_write_u16(int, uint32_t) { return -1; }
-int zip_write_u8(int, uint32_t) { return -1; }
-uint32_t zip_dos_datetime(time_t) { return 0; }
-int quelvane_z_output_local_file_header(int, ZipMember *, uint32_t *) { return -1; }
-int zip_finish_member(int, ZipMember *, uint32_t *) { return -1; }
-int zip_finish_archive(int, uint32_t *) { return -1; }
-int zip_member_list_add(const ZipMember *) { return -1; }
-void zip_member_list_free() {}
-const std::vector<ZipMember> &zip_member_list()
+namespace {
+
+constexpr uint32_t LOCAL_HEADER_SIGNATURE = 0x04034b50;
+constexpr uint32_t DESCRIPTOR_SIGNATURE = 0x08074b50;
+constexpr uint32_t CENTRAL_SIGNATURE = 0x02014b50;
+constexpr uint32_t END_SIGNATURE = 0x06054b50;
+
+constexpr int32_t ZIP_VERSION = 20;       // 2.0: deflate and data descriptors
+constexpr int32_t FLAG_DESCRIPTOR = 8;    // bit 3: CRC and sizes follow the data
+constexpr int32_t METHOD_DEFLATE = 8;
+
+constexpr uint32_t LOCAL_HEADER_SIZE = 30;
+constexpr uint32_t DESCRIPTOR_SIZE = 16;
+constexpr uint32_t CENTRAL_RECORD_SIZE = 46;
+constexpr uint32_t END_RECORD_SIZE = 22;
+
+constexpr unsigned OUTPUT_BUFFER_SIZE = 32768;
+constexpr size_t FILE_READ_SIZE = 32768;
+constexpr size_t PIPE_READ_SIZE = 1024;
+
+std::vector<ZipMember> members;
+
+z_stream stream;
+int deflate_ready;
+unsigned char output_buffer[OUTPUT_BUFFER_SIZE];
+// The file reader's 32 KB, kept off the caller's stack.
+unsigned char file_buffer[FILE_READ_SIZE];
+
+void rewind_output()
 {
-    static std::vector<ZipMember> members;
-    return members;
+    stream.next_out = output_buffer;
+    stream.avail_out = OUTPUT_BUFFER_SIZE;
 }
-int zip_open_member_file(ZipMember *) { return -1; }
-int zip_close_member_file(ZipMember *) { return -1; }
-int zip_deflate_start() { return -1; }
-int zip_deflate_end() { return -1; }
-int zip_deflate_chunk(ZipMember *, int, const void *, unsigned, int, uint32_t *) { return -1; }
-int zip_deflate_file(int, ZipMember *, uint32_t *, int *) { return -1; }
-int zip_deflate_fd(int, ZipMember *, int, int, uint32_t *) { return -1; }
-void zip_report_error(int) {}
+
+// The header's name length field is 16 bits; longer names wrap rather than
+// being refused, and the local header carries only that many name bytes.
+uint32_t wrapped_name_length(const ZipMember &member)
+{
+    return static_cast<uint32_t>(member.name.size()) & 0xffff;
+}
+
+int write_bytes(int out_fd, const char *bytes, size_t count)
+{
+    for (size_t i = 0; i < count; ++i)
+        if (zip_write_u8(out_fd, static_cast<unsigned char>(bytes[i])) != 0)
+            return -1;
+    return 0;
+}
+
+int write_central_record(int out_fd, const ZipMember &member)
+{
+    uint32_t time_part = member.dos_datetime & 0xffff;
+    uint32_t date_part = member.dos_datetime >> 16;
+    // The version made by is the same value, host byte 0.
+    if (zip_write_u32(out_fd, CENTRAL_SIGNATURE) ||                   // central header signature
+        zip_write_u16(out_fd, member.version_needed) ||               // version made by
+        zip_write_u16(out_fd, member.version_needed) ||               // version needed to extract
+        zip_write_u16(out_fd, member.flags) ||                        // general-purpose flags
+        zip_write_u16(out_fd, member.method) ||                       // compression method
+        zip_write_u16(out_fd, time_part) ||                           // modification time
+        zip_write_u16(out_fd, date_part) ||                           // modification date
+        zip_write_u32(out_fd, member.crc32) ||                        // CRC-32
+        zip_write_u32(out_fd, member.compressed_size) ||              // compressed size
+        zip_write_u32(out_fd, member.uncompressed_size) ||            // uncompressed size
+        zip_write_u16(out_fd, wrapped_name_length(member)) ||         // file name length
+        zip_write_u16(out_fd, 0) ||                                   // extra field length
+        zip_write_u16(out_fd, 0) ||                                   // file comment length
+        zip_write_u16(out_fd, 0) ||                                   // disk number start
+        zip_write_u16(out_fd, 0) ||                                   // internal attributes
+        zip_write_u32(out_fd, 0) ||                                   // external attributes
+        zip_write_u32(out_fd, member.local_header_offset))            // local header offset
+        return -1;
+    // Unlike the local header, the whole name follows even when its length
+    // wrapped; the directory size below counts it all.
+    return write_bytes(out_fd, member.name.data(), member.name.size());
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// Header fields: one byte per sink call, least significant first, so the
+// cipher sees exactly the plain ZIP stream.
+// ---------------------------------------------------------------------------
+
+int zip_write_u8(int out_fd, uint32_t value)
+{
+    if (out_fd < 0)
+        return -1;
+    unsigned char byte = static_cast<unsigned char>(value & 0xff);
+    return sink_write(&byte, 1, out_fd);
+}
+
+int zip_write_u16(int out_fd, uint32_t value)
+{
+    if (out_fd < 0)
+        return -1;
+    for (int shift = 0; shift < 16; shift += 8)
+        if (zip_write_u8(out_fd, value >> shift) != 0)
+            return -1;
+    return 0;
+}
+
+int zip_write_u32(int out_fd, uint32_t value)
+{
+    if (out_fd < 0)
+        return -1;
+    for (int shift = 0; shift < 32; shift += 8)
+        if (zip_write_u8(out_fd, value >> shift) != 0)
+            return -1;
+    return 0;
+}
+
+uint32_t zip_dos_datetime(time_t t)
+{
+    struct tm parts;
+    // MS-DOS dates start in 1980; anything earlier is clamped to its first
+    // second rather than wrapping into a nonsense year.
+    if (localtime_r(&t, &parts) == nullptr || parts.tm_year < 80)
+        return 0x00210000;
+    uint32_t date = static_cast<uint32_t>((parts.tm_year - 80) << 9 | (parts.tm_mon + 1) << 5 |
+                                          parts.tm_mday);
+    uint32_t time_of_day =
+        static_cast<uint32_t>(parts.tm_hour << 11 | parts.tm_min << 5 | parts.tm_sec / 2);
+    return (date & 0xffff) << 16 | (time_of_day & 0xffff);
+}
+
+// ---------------------------------------------------------------------------
+// Member lifecycle
+// ---------------------------------------------------------------------------
+
+int quelvane_z_output_local_file_header(int out_fd, ZipMember *member, uint32_t *total_written)
+{
+    if (out_fd < 0 || member == nullptr || total_written == nullptr) {
+        fprintf(stderr, "outfd=%d zep=%p total_written=%p\n", out_fd,
+                static_cast<void *>(member), static_cast<void *>(total_written));
+        return -1;
+    }
+    member->crc32 = crc32(0, nullptr, 0);
+    int started = zip_deflate_start();
+    if (started != 0)
+        return started;
+
+    member->version_needed = ZIP_VERSION;
+    member->flags = FLAG_DESCRIPTOR;
+    member->method = METHOD_DEFLATE;
+    // A collected file always keeps its recorded time, so a file stamped 0
+    // reads as 1 January 1980; only generated members take "now" for 0.
+    time_t when = static_cast<time_t>(member->dos_datetime);
+    if (when == 0 && member->kind != MEMBER_FILE)
+        when = time(nullptr);
+    member->dos_datetime = zip_dos_datetime(when);
+    member->local_header_offset = *total_written;
+
+    uint32_t name_length = wrapped_name_length(*member);
+    // CRC and sizes are not known until the data has streamed past, and the
+    // output cannot be rewound: they are zero here and come in the data
+    // descriptor (flag bit 3).
+    if (zip_write_u32(out_fd, LOCAL_HEADER_SIGNATURE) ||               // local header signature
+        zip_write_u16(out_fd, member->version_needed) ||               // version needed to extract
+        zip_write_u16(out_fd, member->flags) ||                        // general-purpose flags
+        zip_write_u16(out_fd, member->method) ||                       // compression method
+        zip_write_u16(out_fd, member->dos_datetime & 0xffff) ||        // modification time
+        zip_write_u16(out_fd, member->dos_datetime >> 16) ||           // modification date
+        zip_write_u32(out_fd, 0) ||                                    // CRC-32, in the descriptor
+        zip_write_u32(out_fd, 0) ||                                    // compressed size, ditto
+        zip_write_u32(out_fd, 0) ||                                    // uncompressed size, ditto
+        zip_write_u16(out_fd, name_length) ||                          // file name length
+        zip_write_u16(out_fd, 0) ||                                    // extra field length
+        write_bytes(out_fd, member->name.data(), name_length))         // file name
+        return -1;
+    *total_written += LOCAL_HEADER_SIZE + name_length;
+    return 0;
+}
+
+int zip_finish_member(int out_fd, ZipMember *member, uint32_t *total_written)
+{
+    if (out_fd < 0 || member == nullptr || total_written == nullptr)
+        return -1;
+    if (zip_write_u32(out_fd, DESCRIPTOR_SIGNATURE) ||                 // data descriptor signature
+        zip_write_u32(out_fd, member->crc32) ||                        // CRC-32
+        zip_write_u32(out_fd, member->compressed_size) ||              // compressed size
+        zip_write_u32(out_fd, member->uncompressed_size))              // uncompressed size
+        return -1;
+    *total_written += DESCRIPTOR_SIZE;
+    return zip_member_list_add(member);
+}
+
+int zip_finish_archive(int out_fd, uint32_t *total_written)
+{
+    if (out_fd < 0 || total_written == nullptr)
+        return -1;
+    uint32_t directory_offset = *total_written;
+    uint32_t directory_size = 0;
+    uint16_t count = 0;  // 16 bits in the end record; more members wrap
+    for (const ZipMember &member : members) {
+        if (write_central_record(out_fd, member) != 0)
+            return -1;
+        directory_size += CENTRAL_RECORD_SIZE + static_cast<uint32_t>(member.name.size());
+        ++count;
+    }
+    if (zip_write_u32(out_fd, END_SIGNATURE) ||                        // end record signature
+        zip_write_u16(out_fd, 0) ||                                    // number of this disk
+        zip_write_u16(out_fd, 0) ||                                    // disk of the directory
+        zip_write_u16(out_fd, count) ||                                // records on this disk
+        zip_write_u16(out_fd, count) ||                                // records in total
+        zip_write_u32(out_fd, directory_size) ||                       // directory size
+        zip_write_u32(out_fd, directory_offset) ||                     // directory offset
+        zip_write_u16(out_fd, 0))                                      // comment length
+        return -1;
+    *total_written += directory_size + END_RECORD_SIZE;
+    return 0;
+}
+
+int zip_member_list_add(const ZipMember *member)
+{
+    if (member == nullptr)
+        return -1;
+    try {
+        members.push_back(*member);
+    } catch (const std::bad_alloc &) {
+        return -1;
+    }
+    // The caller closes its own stream; a copy holding it would close it twice.
+    members.back().source_file = nullptr;
+    return 0;
+}
+
+void zip_member_list_free()
+{
+    for (ZipMember &member : members)
+        if (member.source_file != nullptr)
+            fclose(member.source_file);
+    std::vector<ZipMember>().swap(members);
+}
+
+const std::vector<ZipMember> &zip_member_list() { return members; }
+
+int zip_open_member_file(ZipMember *member)
+{
+    if (member == nullptr)
+        return -1;
+    struct stat status;
+    if (stat(member->source_path.c_str(), &status) != 0)
+        return -1;
+    if (!S_ISREG(status.st_mode)) {
+        errno = EINVAL;
+        return -1;
+    }
+    member->source_file = fopen(member->source_path.c_str(), "r");
+    return member->source_file == nullptr ? -1 : 0;
+}
+
+int zip_close_member_file(ZipMember *member)
+{
+    if (member == nullptr || member->source_file == nullptr)
+        return -1;
+    fclose(member->source_file);
+    member->source_file = nullptr;
+    return 0;
+}
+
+// ---------------------------------------------------------------------------
+// Deflate stream
+// ---------------------------------------------------------------------------
+
+int zip_deflate_start()
+{
+    memset(output_buffer, 0, sizeof output_buffer);
+    if (deflate_ready) {
+        // Rewind too: a member abandoned after a sink failure must not leave
+        // its held-back bytes at the front of the next member's data.
+        rewind_output();
+        return deflateReset(&stream);
+    }
+    stream = z_stream{};
+    // The macro passes the version of the zlib headers we were built with,
+    // which is what the library checks its structure layout against (it
+    // compares only the major digit, so an older string would pass too, but
+    // would then vouch for a header we never compiled).
+    // Window bits -15: raw deflate, no zlib header or Adler-32 trailer.
+    int result = deflateInit2(&stream, no_compression ? 0 : Z_DEFAULT_COMPRESSION, Z_DEFLATED,
+                              -15, 9, Z_DEFAULT_STRATEGY);
+    if (result != Z_OK) {
+        zip_report_error(result);
+        return result;
+    }
+    rewind_output();
+    deflate_ready = 1;
+    return 0;
+}
+
+int zip_deflate_end()
+{
+    if (deflate_ready != 1)
+        return -1;
+    int result = deflateEnd(&stream);
+    deflate_ready = 0;
+    return result;
+}
+
+int zip_deflate_chunk(ZipMember *member, int out_fd, const void *data, unsigned length, int flush,
+                      uint32_t *total_written)
+{
+    if (member == nullptr || out_fd < 0 || data == nullptr || total_written == nullptr)
+        return -1;
+    stream.next_in = static_cast<Bytef *>(const_cast<void *>(data));
+    stream.avail_in = length;
+    // CRC on the input as it passes; a collected file keeps its stat size.
+    member->crc32 = crc32(member->crc32, static_cast<const Bytef *>(data), length);
+    if (member->kind == MEMBER_GENERATED)
+        member->uncompressed_size += length;
+
+    for (;;) {
+        int result = deflate(&stream, flush);
+        if (result == Z_STREAM_ERROR || result == Z_BUF_ERROR) {
+            zip_report_error(result);
+            return result;
+        }
+        // Output is held until the buffer is full or the member ends: no
+        // intermediate flushes, only large writes.
+        if (stream.avail_out == 0 || result == Z_STREAM_END) {
+            unsigned count = OUTPUT_BUFFER_SIZE - stream.avail_out;
+            errno = 0;
+            if (sink_write(output_buffer, count, out_fd) != 0)
+                return -1;
+            *total_written += count;
+            rewind_output();
+        }
+        if (flush == Z_FINISH && result != Z_STREAM_END)
+            continue;
+        if (stream.avail_in != 0)
+            continue;
+        member->compressed_size = static_cast<uint32_t>(stream.total_out);
+        return result;
+    }
+}
+
+int zip_deflate_file(int out_fd, ZipMember *member, uint32_t *total_written, int *error_out)
+{
+    if (error_out != nullptr)
+        *error_out = 0;
+    if (out_fd < 0 || member == nullptr || total_written == nullptr ||
+        member->source_file == nullptr)
+        return -1;
+    FILE *source = member->source_file;
+    while (!feof(source)) {
+        errno = 0;
+        size_t count = fread(file_buffer, 1, sizeof file_buffer, source);
+        int flush = Z_NO_FLUSH;
+        if (ferror(source)) {
+            if (errno != EINTR) {
+                int error = errno != 0 ? errno : EIO;
+                if (error_out != nullptr)
+                    *error_out = error;
+                return error;
+            }
+            // Retry the interrupted read, keeping what came before it.
+            clearerr(source);
+        } else if (feof(source)) {
+            flush = Z_FINISH;
+        }
+        if (count == 0 && flush != Z_FINISH)
+            continue;
+        int result = zip_deflate_chunk(member, out_fd, file_buffer, static_cast<unsigned>(count),
+                                       flush, total_written);
+        if (result != Z_OK && result != Z_STREAM_END) {
+            // The chunk has printed a zlib message already; printing it
+            // again here is intended.
+            zip_report_error(result);
+            return result;
+        }
+    }
+    return 0;
+}
+
+int zip_deflate_fd(int out_fd, ZipMember *member, int source_fd, int final_flush,
+                   uint32_t *total_written)
+{
+    if (out_fd < 0 || source_fd < 0 || member == nullptr || total_written == nullptr)
+        return -1;
+    unsigned char buffer[PIPE_READ_SIZE];
+    for (;;) {
+        errno = 0;
+        ssize_t count = read(source_fd, buffer, sizeof buffer);
+        int error = count < 0 ? errno : 0;
+        bool interrupted = error == EINTR;
+        bool nothing_now = error == EAGAIN || error == EWOULDBLOCK;
+        size_t got = count > 0 ? static_cast<size_t>(count) : 0;
+
+        int flush = Z_NO_FLUSH;
+        if (final_flush == Z_FINISH && !interrupted && (got < PIPE_READ_SIZE || nothing_now))
+            flush = Z_FINISH;
+        if (got > 0 || flush == Z_FINISH) {
+            int result = zip_deflate_chunk(member, out_fd, buffer, static_cast<unsigned>(got),
+                                           flush, total_written);
+            if (result != Z_OK && result != Z_STREAM_END) {
+                zip_report_error(result);
+                return result;
+            }
+        }
+        // Small reads keep the command runner responsive to its time-outs:
+        // go round again only after an interruption or a full read.
+        if (interrupted || got == PIPE_READ_SIZE)
+            continue;
+        if (count < 0 && !nothing_now)
+            return error != 0 ? error : EIO;
+        return 0;
+    }
+}
+
+void zip_report_error(int code)
+{
+    const char *text = nullptr;
+    switch (code) {
+    case Z_STREAM_ERROR:
+        text = _("Invalid arguments to compression stream\n");
+        break;
+    case Z_MEM_ERROR:
+        text = _("Compression stream out of memory\n");
+        break;
+    case Z_BUF_ERROR:
+        text = _("Buffer error on compression stream\n");
+        break;
+    case Z_VERSION_ERROR:
+        text = _("Version mismatch between this program and compression library\n");
+        break;
+    default:
+        return;
+    }
+    fputs(text, stderr);
+}

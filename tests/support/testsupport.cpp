@@ -1,1 +1,513 @@
-// Test support.
+#include "testsupport.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <zlib.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+extern char **environ;
+
+namespace qt {
+
+std::string quelvane_binary() { return QUELVANE_BINARY; }
+std::string source_dir() { return QUELVANE_SOURCE_DIR; }
+
+TempDir::TempDir()
+{
+    char pattern[] = "/tmp/quelvane-test-XXXXXX";
+    const char *made = mkdtemp(pattern);
+    if (made == nullptr) {
+        perror("mkdtemp");
+        abort();
+    }
+    path_ = made;
+}
+
+TempDir::~TempDir()
+{
+    // Tests may leave read-only files or directories behind.
+    std::string command = "chmod -R u+rwx '" + path_ + "' 2>/dev/null; rm -rf '" + path_ + "'";
+    if (system(command.c_str()) != 0)
+        fprintf(stderr, "could not remove %s\n", path_.c_str());
+}
+
+bool write_file(const std::string &path, const std::string &content, unsigned mode)
+{
+    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, mode);
+    if (fd < 0)
+        return false;
+    size_t done = 0;
+    while (done < content.size()) {
+        ssize_t n = write(fd, content.data() + done, content.size() - done);
+        if (n <= 0) {
+            close(fd);
+            return false;
+        }
+        done += static_cast<size_t>(n);
+    }
+    return close(fd) == 0 && chmod(path.c_str(), mode) == 0;
+}
+
+std::string read_file(const std::string &path)
+{
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream content;
+    content << in.rdbuf();
+    return content.str();
+}
+
+bool file_exists(const std::string &path)
+{
+    struct stat st;
+    return lstat(path.c_str(), &st) == 0;
+}
+
+namespace {
+
+// An anonymous in-memory file holding data, positioned at its start.
+int memory_file(const char *name, const std::string &data)
+{
+    int fd = memfd_create(name, 0);
+    if (fd < 0) {
+        perror("memfd_create");
+        abort();
+    }
+    size_t done = 0;
+    while (done < data.size()) {
+        ssize_t n = write(fd, data.data() + done, data.size() - done);
+        if (n <= 0) {
+            perror("write");
+            abort();
+        }
+        done += static_cast<size_t>(n);
+    }
+    lseek(fd, 0, SEEK_SET);
+    return fd;
+}
+
+std::string read_all(int fd)
+{
+    std::string data;
+    lseek(fd, 0, SEEK_SET);
+    char buffer[65536];
+    ssize_t n;
+    while ((n = read(fd, buffer, sizeof buffer)) > 0)
+        data.append(buffer, static_cast<size_t>(n));
+    return data;
+}
+
+}  // namespace
+
+RunResult run(const RunSpec &spec)
+{
+    const std::string program = spec.program.empty() ? quelvane_binary() : spec.program;
+    std::vector<std::string> argv_text;
+    argv_text.push_back(spec.argv0.empty() ? program : spec.argv0);
+    argv_text.insert(argv_text.end(), spec.args.begin(), spec.args.end());
+
+    std::vector<std::string> env_text = {"PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin",
+                                         "LC_ALL=C"};
+    for (const std::string &e : spec.env) {
+        std::string key = e.substr(0, e.find('=') + 1);
+        bool replaced = false;
+        for (std::string &have : env_text)
+            if (have.compare(0, key.size(), key) == 0) {
+                have = e;
+                replaced = true;
+            }
+        if (!replaced)
+            env_text.push_back(e);
+    }
+    // Sanitizer settings reach the child so that its reports are not lost.
+    for (const char *name : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS"})
+        if (const char *value = getenv(name))
+            env_text.push_back(std::string(name) + "=" + value);
+
+    std::vector<char *> argv;
+    for (std::string &a : argv_text)
+        argv.push_back(a.data());
+    argv.push_back(nullptr);
+    std::vector<char *> envp;
+    for (std::string &e : env_text)
+        envp.push_back(e.data());
+    envp.push_back(nullptr);
+
+    int in_fd = memory_file("stdin", spec.stdin_data);
+    int out_fd = memory_file("stdout", "");
+    int err_fd = memory_file("stderr", "");
+    std::vector<int> extra;
+    for (const auto &fd_data : spec.fds)
+        extra.push_back(memory_file("extra", fd_data.second));
+
+    auto started = std::chrono::steady_clock::now();
+    pid_t pid = fork();
+    if (pid < 0) {
+        perror("fork");
+        abort();
+    }
+    if (pid == 0) {
+        // Move every source above the targets first, so no dup2 clobbers one.
+        const int high = 900;
+        int in_high = fcntl(in_fd, F_DUPFD, high);
+        int out_high = fcntl(out_fd, F_DUPFD, high);
+        int err_high = fcntl(err_fd, F_DUPFD, high);
+        std::vector<int> extra_high;
+        for (int fd : extra)
+            extra_high.push_back(fcntl(fd, F_DUPFD, high));
+        dup2(in_high, 0);
+        dup2(out_high, 1);
+        dup2(err_high, 2);
+        for (size_t i = 0; i < extra_high.size(); i++)
+            dup2(extra_high[i], spec.fds[i].first);
+        for (int fd = 3; fd < 1024; fd++) {
+            bool keep = false;
+            for (const auto &fd_data : spec.fds)
+                keep = keep || fd_data.first == fd;
+            if (!keep)
+                close(fd);
+        }
+        sigset_t none;
+        sigemptyset(&none);
+        sigprocmask(SIG_SETMASK, &none, nullptr);
+        for (int s = 1; s < NSIG; s++)
+            signal(s, SIG_DFL);
+        if (!spec.cwd.empty() && chdir(spec.cwd.c_str()) != 0)
+            _exit(126);
+        if (spec.in_child)
+            spec.in_child();
+        execve(program.c_str(), argv.data(), envp.data());
+        _exit(127);
+    }
+
+    close(in_fd);
+    for (int fd : extra)
+        close(fd);
+    if (spec.during)
+        spec.during(pid);
+
+    RunResult result;
+    int status = 0;
+    struct rusage usage;
+    auto deadline = started + std::chrono::seconds(spec.timeout_seconds);
+    for (;;) {
+        pid_t done = wait4(pid, &status, WNOHANG, &usage);
+        if (done == pid)
+            break;
+        if (done < 0 && errno != EINTR) {
+            perror("wait4");
+            abort();
+        }
+        if (std::chrono::steady_clock::now() > deadline && !result.timed_out) {
+            result.timed_out = true;
+            kill(pid, SIGKILL);
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    result.seconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+    result.maxrss_kb = usage.ru_maxrss;
+    if (WIFEXITED(status)) {
+        result.status = WEXITSTATUS(status);
+    } else if (WIFSIGNALED(status)) {
+        result.term_signal = WTERMSIG(status);
+    }
+    result.out = read_all(out_fd);
+    result.err = read_all(err_fd);
+    close(out_fd);
+    close(err_fd);
+    return result;
+}
+
+RunResult run_quelvane(const TempDir &dir, const std::vector<std::string> &args, RunSpec spec)
+{
+    mkdir(dir.file("home").c_str(), 0755);
+    spec.args.insert(spec.args.begin(), args.begin(), args.end());
+    spec.env.insert(spec.env.begin(), "QUELVANE_HOME=" + dir.file("home"));
+    if (spec.cwd.empty())
+        spec.cwd = dir.path();
+    return run(spec);
+}
+
+RunResult run_program(const std::string &program, const std::vector<std::string> &args,
+                      const std::string &stdin_data)
+{
+    RunSpec spec;
+    spec.program = program;
+    spec.args = args;
+    spec.stdin_data = stdin_data;
+    spec.timeout_seconds = 120;
+    return run(spec);
+}
+
+// ---------------------------------------------------------------------------
+// Our own reader
+// ---------------------------------------------------------------------------
+
+std::vector<std::string> ZipArchive::names() const
+{
+    std::vector<std::string> names;
+    for (const ZipEntry &e : entries)
+        names.push_back(e.name);
+    return names;
+}
+
+const ZipEntry *ZipArchive::find(const std::string &name) const
+{
+    for (const ZipEntry &e : entries)
+        if (e.name == name)
+            return &e;
+    return nullptr;
+}
+
+namespace {
+
+struct Cursor {
+    const std::string &bytes;
+    size_t pos;
+    bool ok = true;
+
+    bool has(size_t n) const { return pos + n <= bytes.size(); }
+    uint32_t get(int width)
+    {
+        if (!has(static_cast<size_t>(width))) {
+            ok = false;
+            return 0;
+        }
+        uint32_t value = 0;
+        for (int i = width - 1; i >= 0; i--)
+            value = value << 8 | static_cast<unsigned char>(bytes[pos + static_cast<size_t>(i)]);
+        pos += static_cast<size_t>(width);
+        return value;
+    }
+    uint32_t peek4() const
+    {
+        Cursor copy = *this;
+        return copy.get(4);
+    }
+    std::string take(size_t n)
+    {
+        if (!has(n)) {
+            ok = false;
+            return {};
+        }
+        std::string s = bytes.substr(pos, n);
+        pos += n;
+        return s;
+    }
+};
+
+// Inflates the raw deflate stream at bytes[pos]; sets consumed to its length.
+bool inflate_raw(const std::string &bytes, size_t pos, std::string *out, size_t *consumed)
+{
+    z_stream z{};
+    if (inflateInit2(&z, -15) != Z_OK)
+        return false;
+    z.next_in = reinterpret_cast<Bytef *>(const_cast<char *>(bytes.data() + pos));
+    z.avail_in = static_cast<uInt>(bytes.size() - pos);
+    char buffer[65536];
+    int rc;
+    do {
+        z.next_out = reinterpret_cast<Bytef *>(buffer);
+        z.avail_out = sizeof buffer;
+        rc = inflate(&z, Z_NO_FLUSH);
+        out->append(buffer, sizeof buffer - z.avail_out);
+    } while (rc == Z_OK);
+    *consumed = z.total_in;
+    inflateEnd(&z);
+    return rc == Z_STREAM_END;
+}
+
+std::string hex(uint32_t v)
+{
+    char text[16];
+    snprintf(text, sizeof text, "0x%08x", v);
+    return text;
+}
+
+}  // namespace
+
+ZipArchive read_zip(const std::string &bytes)
+{
+    ZipArchive archive;
+    Cursor c{bytes, 0};
+    auto fail = [&](const std::string &why) {
+        archive.error = why + " at offset " + std::to_string(c.pos);
+        return archive;
+    };
+
+    while (c.peek4() == 0x04034b50) {
+        ZipEntry e;
+        e.offset = static_cast<uint32_t>(c.pos);
+        c.get(4);
+        e.version = static_cast<uint16_t>(c.get(2));
+        e.flags = static_cast<uint16_t>(c.get(2));
+        e.method = static_cast<uint16_t>(c.get(2));
+        uint32_t time = c.get(2);
+        uint32_t date = c.get(2);
+        e.dos_datetime = date << 16 | time;
+        uint32_t crc = c.get(4), csize = c.get(4), usize = c.get(4);
+        uint32_t name_length = c.get(2), extra_length = c.get(2);
+        e.name = c.take(name_length);
+        c.take(extra_length);
+        if (!c.ok)
+            return fail("truncated local header");
+        if (crc != 0 || csize != 0 || usize != 0)
+            return fail("local header of " + e.name + " carries CRC or sizes");
+        size_t consumed = 0;
+        if (!inflate_raw(bytes, c.pos, &e.data, &consumed))
+            return fail("bad deflate data in " + e.name);
+        c.pos += consumed;
+        if (c.get(4) != 0x08074b50)
+            return fail("no data descriptor after " + e.name);
+        e.crc = c.get(4);
+        e.compressed_size = c.get(4);
+        e.declared_size = c.get(4);
+        if (!c.ok)
+            return fail("truncated data descriptor");
+        uint32_t actual = static_cast<uint32_t>(
+            crc32(0, reinterpret_cast<const Bytef *>(e.data.data()), static_cast<uInt>(e.data.size())));
+        if (e.crc != actual)
+            return fail("CRC of " + e.name + " is " + hex(e.crc) + ", data gives " + hex(actual));
+        if (e.compressed_size != consumed)
+            return fail("compressed size of " + e.name + " is " + std::to_string(e.compressed_size) +
+                        ", data has " + std::to_string(consumed));
+        archive.entries.push_back(e);
+    }
+    uint32_t directory_offset = static_cast<uint32_t>(c.pos);
+    size_t index = 0;
+    while (c.peek4() == 0x02014b50) {
+        c.get(4);
+        uint32_t made_by = c.get(2), version = c.get(2), flags = c.get(2), method = c.get(2);
+        uint32_t time = c.get(2), date = c.get(2);
+        uint32_t crc = c.get(4), csize = c.get(4), usize = c.get(4);
+        uint32_t name_length = c.get(2), extra_length = c.get(2), comment_length = c.get(2);
+        c.get(2);  // disk number
+        c.get(2);  // internal attributes
+        c.get(4);  // external attributes
+        uint32_t offset = c.get(4);
+        std::string name = c.take(name_length);
+        c.take(extra_length + comment_length);
+        if (!c.ok)
+            return fail("truncated central directory record");
+        if (index >= archive.entries.size())
+            return fail("central directory lists more members than the stream holds");
+        const ZipEntry &e = archive.entries[index++];
+        if (name != e.name || offset != e.offset || crc != e.crc || csize != e.compressed_size ||
+            usize != e.declared_size || version != e.version || made_by != e.version ||
+            flags != e.flags || method != e.method || (date << 16 | time) != e.dos_datetime)
+            return fail("central directory record of " + name + " disagrees with its local header");
+    }
+    if (index != archive.entries.size())
+        return fail("central directory lists " + std::to_string(index) + " of " +
+                    std::to_string(archive.entries.size()) + " members");
+    uint32_t directory_size = static_cast<uint32_t>(c.pos) - directory_offset;
+    if (c.get(4) != 0x06054b50)
+        return fail("no end record");
+    uint32_t disk = c.get(2), directory_disk = c.get(2), on_disk = c.get(2), total = c.get(2);
+    uint32_t size = c.get(4), offset = c.get(4), comment = c.get(2);
+    if (!c.ok)
+        return fail("truncated end record");
+    if (disk != 0 || directory_disk != 0 || on_disk != total || total != (index & 0xffff) ||
+        size != directory_size || offset != directory_offset || comment != 0)
+        return fail("end record disagrees with the central directory");
+    if (c.pos != bytes.size())
+        return fail("bytes after the end record");
+    return archive;
+}
+
+// ---------------------------------------------------------------------------
+// Real clients
+// ---------------------------------------------------------------------------
+
+namespace {
+
+const char *PYTHON_CHECK = R"(
+import sys, zipfile
+bad = []
+with zipfile.ZipFile(sys.argv[1]) as z:
+    for info in z.infolist():
+        try:
+            z.read(info.filename)
+        except Exception as e:
+            bad.append(info.filename)
+for name in bad:
+    print(name)
+)";
+
+std::set<std::string> lines_of(const std::string &text)
+{
+    std::set<std::string> lines;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);)
+        lines.insert(line);
+    return lines;
+}
+
+std::string describe(const std::set<std::string> &names)
+{
+    std::string text = "{";
+    for (const std::string &n : names)
+        text += (text.size() > 1 ? ", " : "") + n;
+    return text + "}";
+}
+
+}  // namespace
+
+std::string check_real_readers(const std::string &zip_path, const std::set<std::string> &flagged)
+{
+    std::string problems;
+    RunResult unzip = run_program("/usr/bin/unzip", {"-t", "-q", zip_path});
+    if (unzip.status != 0)
+        problems += "unzip -t failed (" + std::to_string(unzip.status) + "): " + unzip.out + unzip.err;
+
+    RunResult python = run_program("/usr/bin/python3", {"-c", PYTHON_CHECK, zip_path});
+    if (python.status != 0)
+        problems += "python zipfile could not open it: " + python.err;
+    else if (lines_of(python.out) != flagged)
+        problems += "python zipfile flagged " + describe(lines_of(python.out)) + ", expected " +
+                    describe(flagged) + "\n";
+
+    // bsdtar reads the stream front to back from a pipe, as a browser
+    // download would arrive.
+    std::string bytes = read_file(zip_path);
+    RunResult list = run_program("/usr/bin/bsdtar", {"-tf", "-"}, bytes);
+    if (list.status != 0)
+        problems += "bsdtar -tf - failed: " + list.err;
+    RunResult extract = run_program("/usr/bin/bsdtar", {"-xOf", "-"}, bytes);
+    std::set<std::string> wrong_size;
+    for (const std::string &line : lines_of(extract.err)) {
+        size_t at = line.find(": ZIP uncompressed data is wrong size");
+        if (at != std::string::npos)
+            wrong_size.insert(line.substr(0, at));
+        else if (line.find("Error exit delayed") == std::string::npos)
+            problems += "bsdtar -x: " + line + "\n";
+    }
+    if (wrong_size != flagged)
+        problems += "bsdtar flagged " + describe(wrong_size) + ", expected " + describe(flagged) + "\n";
+    if ((extract.status != 0) != !flagged.empty())
+        problems += "bsdtar -x exit status " + std::to_string(extract.status) + "\n";
+    return problems;
+}
+
+std::string openssl_decrypt(const std::string &in_path, const std::string &password,
+                            const std::string &out_path)
+{
+    RunResult r = run_program("/usr/bin/openssl", {"enc", "-d", "-aes-128-cbc", "-md", "md5", "-pass",
+                                                   "pass:" + password, "-in", in_path, "-out", out_path});
+    return r.status == 0 ? std::string() : "openssl enc -d failed: " + r.err;
+}
+
+}  // namespace qt
