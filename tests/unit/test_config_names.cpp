@@ -2,12 +2,12 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <cstdlib>
-#include <fstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "quelvane_config_file.h"
+#include "testsupport.h"
 
 namespace {
 
@@ -97,126 +97,105 @@ TEST(ConfigNames, PathNames) {
 
 TEST(ConfigMembers, CommandMembersAreResetAndFilled) {
     const ConfigEntry entry = command_entry("net/ifconfig", {"/sbin/ifconfig", "eth%d"});
-    struct {
+    const ConfigEntry no_command = command_entry("d", {});
+    const struct {
         int (*fill)(const ConfigEntry *, ZipMember *, int);
         const char *name;
-    } const kinds[] = {
+    } kinds[] = {
         {quelvane_zip_stdout_member, "net/ifconfig/@sbin@ifconfig_eth3.out"},
         {quelvane_zip_stderr_member, "net/ifconfig/@sbin@ifconfig_eth3.err"},
     };
     for (const auto &k : kinds) {
         SCOPED_TRACE(k.name);
-        // Left-overs from a previous member must not leak into this one.
-        ZipMember member;
-        member.dos_datetime = 1234;
+        ZipMember member;  // left-overs of a previous member must not survive
         member.source_path = "/stale";
-        member.crc32 = 99;
-        member.compressed_size = 5;
-        member.uncompressed_size = 6;
-        member.local_header_offset = 7;
+        member.crc32 = member.compressed_size = member.uncompressed_size = 9;
+        member.dos_datetime = member.local_header_offset = 9;
         member.source_file = stdin;
         member.kind = MEMBER_FILE;
         ASSERT_EQ(k.fill(&entry, &member, 3), 0);
-        EXPECT_EQ(member.name, k.name);
-        EXPECT_EQ(member.version_needed, 20);
-        EXPECT_EQ(member.flags, 8);
-        EXPECT_EQ(member.method, 8);
-        EXPECT_EQ(member.kind, MEMBER_GENERATED);
-        EXPECT_EQ(member.dos_datetime, 0u);
-        EXPECT_EQ(member.source_path, "");
-        EXPECT_EQ(member.crc32, 0u);
-        EXPECT_EQ(member.compressed_size, 0u);
-        EXPECT_EQ(member.uncompressed_size, 0u);
-        EXPECT_EQ(member.local_header_offset, 0u);
-        EXPECT_EQ(member.source_file, nullptr);
-
-        ZipMember unused;
-        EXPECT_EQ(k.fill(nullptr, &unused, 0), -1);
+        ZipMember expected;
+        expected.name = k.name;
+        expected.version_needed = 20;
+        expected.flags = 8;
+        expected.method = 8;
+        expected.kind = MEMBER_GENERATED;
+        EXPECT_EQ(std::tie(member.name, member.version_needed, member.flags, member.method,
+                           member.kind, member.source_path, member.crc32, member.compressed_size,
+                           member.uncompressed_size, member.dos_datetime,
+                           member.local_header_offset, member.source_file),
+                  std::tie(expected.name, expected.version_needed, expected.flags,
+                           expected.method, expected.kind, expected.source_path, expected.crc32,
+                           expected.compressed_size, expected.uncompressed_size,
+                           expected.dos_datetime, expected.local_header_offset,
+                           expected.source_file));
+        EXPECT_EQ(k.fill(nullptr, &member, 0), -1);
         EXPECT_EQ(k.fill(&entry, nullptr, 0), -1);
-        const ConfigEntry no_command = command_entry("d", {});
-        EXPECT_EQ(k.fill(&no_command, &unused, 0), -1);
+        EXPECT_EQ(k.fill(&no_command, &member, 0), -1);
     }
 }
 
 class ConfigGlob : public ::testing::Test {
   protected:
     void SetUp() override {
-        char pattern[] = "/tmp/quelvane-glob-XXXXXX";
-        const char *made = mkdtemp(pattern);
-        ASSERT_NE(made, nullptr);
-        dir_ = made;
         for (const char *name : {"b.log", "a.log", "c.log", "notes.txt"}) {
-            std::ofstream(dir_ + "/" + name) << name;
+            ASSERT_TRUE(qt::write_file(dir_.file(name), name));
         }
     }
+    // A start without matches drops any expansion a failed test left behind,
+    // which would otherwise point at a dead entry.
     void TearDown() override {
-        // A start without matches drops any expansion a failed test left
-        // behind, which would otherwise point at a dead entry.
-        ConfigEntry none = file_entry(dir_ + "/*.none");
+        ConfigEntry none = file_entry("/*.none");
         config_glob_next(&none);
-        if (!dir_.empty()) {
-            std::string command = "rm -rf '" + dir_ + "'";
-            if (system(command.c_str()) != 0) perror("rm");
-        }
     }
-    ConfigEntry file_entry(const std::string &path, uint32_t type = ENTRY_LOG) {
+    ConfigEntry file_entry(const std::string &pattern, uint32_t type = ENTRY_LOG) {
         ConfigEntry entry;
         entry.type = type;
-        entry.path = path;
+        entry.path = dir_.path() + pattern;
         return entry;
     }
-    std::string dir_;
+    qt::TempDir dir_;
 };
 
 TEST_F(ConfigGlob, WalksMatchesInOrderAndKeepsTheLast) {
-    ConfigEntry entry = file_entry(dir_ + "/*.log");
+    ConfigEntry entry = file_entry("/*.log");
     std::vector<std::string> seen;
     for (int r = config_glob_next(&entry); r == 0; r = config_glob_next(nullptr)) {
         seen.push_back(entry.path);
     }
-    EXPECT_EQ(seen, (std::vector<std::string>{dir_ + "/a.log", dir_ + "/b.log",
-                                              dir_ + "/c.log"}));
-    EXPECT_EQ(entry.path, dir_ + "/c.log");
+    EXPECT_EQ(seen, (std::vector<std::string>{dir_.file("a.log"), dir_.file("b.log"),
+                                              dir_.file("c.log")}));
+    EXPECT_EQ(entry.path, dir_.file("c.log"));
     EXPECT_EQ(config_glob_next(nullptr), -1);  // stays finished
 }
 
-TEST_F(ConfigGlob, NoMatchLeavesThePathAlone) {
-    ConfigEntry entry = file_entry(dir_ + "/*.none", ENTRY_FILE);
-    EXPECT_EQ(config_glob_next(&entry), -1);
-    EXPECT_EQ(entry.path, dir_ + "/*.none");
-    EXPECT_EQ(config_glob_next(nullptr), -1);
-
-    ConfigEntry missing_dir = file_entry(dir_ + "/nodir/*");
-    EXPECT_EQ(config_glob_next(&missing_dir), -1);
-}
-
-TEST_F(ConfigGlob, PlainPathMatchesItself) {
-    ConfigEntry entry = file_entry(dir_ + "/notes.txt", ENTRY_FILE);
-    ASSERT_EQ(config_glob_next(&entry), 0);
-    EXPECT_EQ(entry.path, dir_ + "/notes.txt");
-    EXPECT_EQ(config_glob_next(nullptr), -1);
-}
-
-TEST_F(ConfigGlob, CommandKindsAreNotExpanded) {
-    for (uint32_t type : {uint32_t(ENTRY_CMD), uint32_t(ENTRY_CUT), 7u}) {
-        SCOPED_TRACE(type);
-        ConfigEntry entry = file_entry(dir_ + "/*.log", type);
+TEST_F(ConfigGlob, NothingToExpand) {
+    const struct {
+        const char *pattern;
+        uint32_t type;
+    } cases[] = {
+        {"/*.none", ENTRY_FILE},
+        {"/nodir/*", ENTRY_LOG},
+        {"/*.log", ENTRY_CMD},  // command kinds are never expanded
+        {"/*.log", ENTRY_CUT},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(std::string(c.pattern) + " kind " + std::to_string(c.type));
+        ConfigEntry entry = file_entry(c.pattern, c.type);
         EXPECT_EQ(config_glob_next(&entry), -1);
-        EXPECT_EQ(entry.path, dir_ + "/*.log");
+        EXPECT_EQ(entry.path, dir_.path() + c.pattern);
+        EXPECT_EQ(config_glob_next(nullptr), -1);
     }
-    EXPECT_EQ(config_glob_next(nullptr), -1);
 }
 
 TEST_F(ConfigGlob, NewStartReplacesAnActiveExpansion) {
-    ConfigEntry first = file_entry(dir_ + "/*.log");
+    ConfigEntry first = file_entry("/*.log");
     ASSERT_EQ(config_glob_next(&first), 0);
-    EXPECT_EQ(first.path, dir_ + "/a.log");
-
-    ConfigEntry second = file_entry(dir_ + "/*.txt", ENTRY_FILE);
+    ConfigEntry second = file_entry("/*.txt", ENTRY_FILE);
     ASSERT_EQ(config_glob_next(&second), 0);
-    EXPECT_EQ(second.path, dir_ + "/notes.txt");
+    EXPECT_EQ(second.path, dir_.file("notes.txt"));
     EXPECT_EQ(config_glob_next(nullptr), -1);
-    EXPECT_EQ(first.path, dir_ + "/a.log");  // untouched by the second walk
+    EXPECT_EQ(first.path, dir_.file("a.log"));  // untouched by the second walk
 }
 
 }  // namespace

@@ -3,43 +3,36 @@
 
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <fcntl.h>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <unistd.h>
 #include <vector>
 
 #include "quelvane_config_file.h"
 #include "quelvane_util.h"
+#include "testsupport.h"
 
 namespace {
 
-struct DatasetCase {
-    const char *letters;
-    uint32_t initial;
-    int result;
-    uint32_t expected;
-};
-
 TEST(ConfigDatasets, LettersFoldIntoBits) {
-    const DatasetCase cases[] = {
+    const struct {
+        const char *letters;
+        uint32_t initial;
+        int result;
+        uint32_t expected;
+    } cases[] = {
         {"A", 0, 0, 0xFFFFFFFFu},
         {"a", 0, 0, 1u << 0},
         {"Bb", 0, 0, 1u << 1},
-        {"z", 0, 0, 1u << 25},
-        {"Z", 0, 0, 1u << 25},
+        {"Zz", 0, 0, 1u << 25},
         {"aA", 0, 0, 0xFFFFFFFFu},
-        {"ai", 0, 0, (1u << 0) | (1u << 8)},
         {"b", 1u << 0, 0, (1u << 0) | (1u << 1)},  // adds, never clears
         {"", 0x5u, 0, 0x5u},
         {"i1", 0, -1, 1u << 8},  // bits before the bad character stay
-        {"a-b", 0, -1, 1u << 0},
-        {" ", 0, -1, 0},
+        {"a b", 0, -1, 1u << 0},
+        {"@", 0, -1, 0},  // the neighbours of "A" and "Z"
+        {"[", 0, -1, 0},
         {"\xc3\xa4", 0, -1, 0},
-        {"@", 0, -1, 0},  // the character just below "A"
-        {"[", 0, -1, 0},  // and just above "Z"
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(std::string("letters \"") + c.letters + "\"");
@@ -49,434 +42,236 @@ TEST(ConfigDatasets, LettersFoldIntoBits) {
     }
 }
 
-TEST(ConfigDatasets, NullArgumentsFail) {
-    uint32_t set = 7;
-    EXPECT_EQ(quelvane_config_parse_datasets(nullptr, &set), -1);
-    EXPECT_EQ(set, 7u);
-    EXPECT_EQ(quelvane_config_parse_datasets("a", nullptr), -1);
+// The fields of an entry in one line: kind, datasets, time-out, the two y/n
+// flags, [member name], path, {argv}, and "%d" when it uses the domain.
+std::string describe(const ConfigEntry &e) {
+    static const char *const kinds[] = {"cmd", "file", "log", "cut"};
+    char head[64];
+    snprintf(head, sizeof head, "%s %#x %d %c%c", e.type < 4 ? kinds[e.type] : "?", e.datasets,
+             e.timeout, e.collect_when_spswdown ? 'y' : 'n', e.literal_path ? 'y' : 'n');
+    std::string text = std::string(head) + " [" + e.member_name + "] " + e.path + " {";
+    for (size_t i = 0; i < e.argv.size(); i++) text += (i ? "," : "") + e.argv[i];
+    return text + "}" + (e.uses_domain ? " %d" : "");
 }
 
-constexpr uint32_t kI = 1u << 8;
+const char *const REJECTED = nullptr;
+const char *const NOTHING = "";
 
-// One configuration line and what the parser must make of it.
 struct LineCase {
-    const char *line;
-    const char *prefix;
     int log_only;
-    int result;
-    bool appended;
-    // Fields of the appended entry.
-    uint32_t type;
-    uint32_t datasets;
-    int32_t timeout;
-    int spswdown;
-    int literal;
-    const char *member_name;
-    const char *path;
-    std::vector<std::string> argv;
-    int uses_domain;
+    const char *prefix;
+    const char *line;
+    const char *expected;  // REJECTED, NOTHING, or the entry described
 };
 
-LineCase accept(const char *line, uint32_t type, uint32_t datasets, int32_t timeout,
-                int spswdown, int literal, const char *member_name, const char *path,
-                std::vector<std::string> argv, int uses_domain = 0) {
-    return {line, "", 0, 0, true, type, datasets, timeout, spswdown, literal, member_name,
-            path, std::move(argv), uses_domain};
-}
+const LineCase kLines[] = {
+    // The sample lines.
+    {0, "", "cmd i,30,y,n system/uptime /usr/bin/uptime",
+     "cmd 0x100 30 yn [system/uptime] /usr/bin/uptime {/usr/bin/uptime}"},
+    {0, "", "file ab,-,n,y etc/hosts /etc/hosts", "file 0x3 15 ny [etc/hosts] /etc/hosts {}"},
+    {0, "", "log A,-,y,n logs /var/log/messages*",
+     "log 0xffffffff 15 yn [logs] /var/log/messages* {}"},
+    {0, "", "cut i,60,n,n domains/ifconfig /sbin/ifconfig eth%d",
+     "cut 0x100 60 nn [domains/ifconfig] /sbin/ifconfig {/sbin/ifconfig,eth%d} %d"},
+    // Keywords ignore case; the y/n flags do not.
+    {0, "", "CMD i,-,y,n n /bin/true", "cmd 0x100 15 yn [n] /bin/true {/bin/true}"},
+    {0, "", "FiLe i,-,y,n n /x", "file 0x100 15 yn [n] /x {}"},
+    {0, "", "cmd i,-,Y,n n /bin/true", REJECTED},
+    {0, "", "cmd i,-,y,N n /bin/true", REJECTED},
+    {0, "", "cmd i,-,yes,n n /bin/true", REJECTED},
+    {0, "", "cmds i,-,y,n n /bin/true", REJECTED},
+    // Time-outs: automatic base, trailing text ignored, 0 and overflow refused.
+    {0, "", "cmd i,0,y,n n /bin/true", REJECTED},
+    {0, "", "cmd i,0x10,y,n n /bin/true", "cmd 0x100 16 yn [n] /bin/true {/bin/true}"},
+    {0, "", "cmd i,010,y,n n /bin/true", "cmd 0x100 8 yn [n] /bin/true {/bin/true}"},
+    {0, "", "cmd i,-5,y,n n /bin/true", "cmd 0x100 -5 yn [n] /bin/true {/bin/true}"},
+    {0, "", "cmd i,30s,y,n n /bin/true", "cmd 0x100 30 yn [n] /bin/true {/bin/true}"},
+    {0, "", "cmd i,2147483647,y,n n /bin/true",
+     "cmd 0x100 2147483647 yn [n] /bin/true {/bin/true}"},
+    {0, "", "cmd i,2147483648,y,n n /bin/true", REJECTED},
+    {0, "", "cmd i,-2147483649,y,n n /bin/true", REJECTED},
+    {0, "", "cmd i,99999999999999999999999,y,n n /bin/true", REJECTED},
+    {0, "", "cmd i,soon,y,n n /bin/true", REJECTED},
+    // Exactly four sub-fields; empty ones collapse away.
+    {0, "", "cmd i,-,y,n,y n /bin/true", REJECTED},
+    {0, "", "cmd i,-,y n /bin/true", REJECTED},
+    {0, "", "cmd i,-,,n n /bin/true", REJECTED},
+    {0, "", "cmd i,-,y,,n n /bin/true", "cmd 0x100 15 yn [n] /bin/true {/bin/true}"},
+    {0, "", "cmd i1,-,y,n n /bin/true", REJECTED},
+    // Paths, arguments, separators and comments.
+    {0, "", "file i,-,y,n n etc/hosts", REJECTED},
+    {0, "", "cmd i,-,y,n n bin/true", REJECTED},
+    {0, "", "file i,-,y,n n /etc/a /etc/b", REJECTED},
+    {0, "", "log i,-,y,n n /var/a /var/b", REJECTED},
+    {0, "", "cmd i,-,y,n n", REJECTED},
+    {0, "", "cmd i,-,y,n", REJECTED},
+    {0, "", "cmd", REJECTED},
+    {0, "", "cmd\ti,-,y,n\t n  /bin/echo \t a   b\n", "cmd 0x100 15 yn [n] /bin/echo {/bin/echo,a,b}"},
+    {0, "", "cmd i,-,y,n n /bin/echo a#b c", "cmd 0x100 15 yn [n] /bin/echo {/bin/echo,a}"},
+    {0, "", "cmd i,-,y,n n #/bin/true", REJECTED},
+    {0, "", "", NOTHING},
+    {0, "", " \t \n", NOTHING},
+    {0, "", "# cmd i,-,y,n n /bin/true", NOTHING},
+    // "%d" counts only in the arguments.
+    {0, "", "cmd i,-,y,n n /bin/echo x%d", "cmd 0x100 15 yn [n] /bin/echo {/bin/echo,x%d} %d"},
+    {0, "", "cmd i,-,y,n n /bin/x%d", "cmd 0x100 15 yn [n] /bin/x%d {/bin/x%d}"},
+    {0, "", "cut i,-,y,n n /bin/echo a b%d", "cut 0x100 15 yn [n] /bin/echo {/bin/echo,a,b%d} %d"},
+    {0, "", "file i,-,y,n n /var/%d", "file 0x100 15 yn [n] /var/%d {}"},
+    // Name cleaning and the prefix.
+    {0, "", "log i,-,y,n ./x /l", "log 0x100 15 yn [x] /l {}"},
+    {0, "", "log i,-,y,n ../x /l", "log 0x100 15 yn [x] /l {}"},
+    {0, "", "log i,-,y,n /x /l", "log 0x100 15 yn [x] /l {}"},
+    {0, "", "log i,-,y,n x/// /l", "log 0x100 15 yn [x] /l {}"},
+    {0, "", "log i,-,y,n .//./a/../b// /l", "log 0x100 15 yn [a/../b] /l {}"},
+    {0, "", "log i,-,y,n ./../ /l", "log 0x100 15 yn [] /l {}"},
+    {0, "", "log i,-,y,n ... /l", "log 0x100 15 yn [] /l {}"},
+    {0, "pre", "log i,-,y,n x /l", "log 0x100 15 yn [pre/x] /l {}"},
+    {0, "pre/dir", "log i,-,y,n ./x/ /l", "log 0x100 15 yn [pre/dir/x] /l {}"},
+    {0, "pre", "log i,-,y,n ./ /l", "log 0x100 15 yn [pre] /l {}"},
+    // Log-only runs drop cmd and file lines unchecked, and only those.
+    {1, "", "cmd garbage", NOTHING},
+    {1, "", "FILE garbage", NOTHING},
+    {1, "", "log garbage", REJECTED},
+    {1, "", "bogus i,-,y,n n /bin/true", REJECTED},
+    {1, "", "cut i,-,y,n n /bin/true", "cut 0x100 15 yn [n] /bin/true {/bin/true}"},
+    {1, "", "log i,-,y,n n /var/log/x", "log 0x100 15 yn [n] /var/log/x {}"},
+};
 
-LineCase reject(const char *line, int log_only = 0) {
-    return {line, "", log_only, -1, false, 0, 0, 0, 0, 0, "", "", {}, 0};
-}
-
-LineCase nothing(const char *line, int log_only = 0) {
-    return {line, "", log_only, 0, false, 0, 0, 0, 0, 0, "", "", {}, 0};
-}
-
-LineCase with_prefix(LineCase c, const char *prefix) {
-    c.prefix = prefix;
-    return c;
-}
-
-LineCase log_only(LineCase c) {
-    c.log_only = 1;
-    return c;
-}
-
-// Cases whose only interest is the member name of a file line.
-LineCase named(const char *name_token, const char *prefix, const char *member_name) {
-    static std::vector<std::string> lines;  // keeps the built texts alive
-    lines.push_back(std::string("file i,-,n,y ") + name_token + " /etc/hosts");
-    LineCase c = accept(lines.back().c_str(), ENTRY_FILE, kI, 15, 0, 1, member_name,
-                        "/etc/hosts", {});
-    c.prefix = prefix;
-    return c;
-}
-
-std::vector<LineCase> line_cases() {
-    return {
-        // The sample lines.
-        accept("cmd i,30,y,n system/uptime /usr/bin/uptime", ENTRY_CMD, kI, 30, 1, 0,
-               "system/uptime", "/usr/bin/uptime", {"/usr/bin/uptime"}),
-        accept("file ab,-,n,y etc/hosts /etc/hosts", ENTRY_FILE, 3, 15, 0, 1, "etc/hosts",
-               "/etc/hosts", {}),
-        accept("log A,-,y,n logs /var/log/messages*", ENTRY_LOG, 0xFFFFFFFFu, 15, 1, 0, "logs",
-               "/var/log/messages*", {}),
-        accept("cut i,60,n,n domains/ifconfig /sbin/ifconfig eth%d", ENTRY_CUT, kI, 60, 0, 0,
-               "domains/ifconfig", "/sbin/ifconfig", {"/sbin/ifconfig", "eth%d"}, 1),
-
-        // Keywords ignore case, y/n do not.
-        accept("CMD i,-,y,n n /bin/true", ENTRY_CMD, kI, 15, 1, 0, "n", "/bin/true",
-               {"/bin/true"}),
-        accept("FiLe i,-,y,n n /x", ENTRY_FILE, kI, 15, 1, 0, "n", "/x", {}),
-        accept("Cut i,-,y,n n /bin/true", ENTRY_CUT, kI, 15, 1, 0, "n", "/bin/true",
-               {"/bin/true"}),
-        reject("cmd i,-,Y,n n /bin/true"),
-        reject("cmd i,-,y,N n /bin/true"),
-        reject("cmd i,-,yes,n n /bin/true"),
-        reject("cmds i,-,y,n n /bin/true"),
-        reject("frob i,-,y,n n /bin/true"),
-
-        // Time-outs.
-        reject("cmd i,0,y,n n /bin/true"),
-        accept("cmd i,0x10,y,n n /bin/true", ENTRY_CMD, kI, 16, 1, 0, "n", "/bin/true",
-               {"/bin/true"}),
-        accept("cmd i,010,y,n n /bin/true", ENTRY_CMD, kI, 8, 1, 0, "n", "/bin/true",
-               {"/bin/true"}),
-        accept("cmd i,-5,y,n n /bin/true", ENTRY_CMD, kI, -5, 1, 0, "n", "/bin/true",
-               {"/bin/true"}),
-        accept("cmd i,30s,y,n n /bin/true", ENTRY_CMD, kI, 30, 1, 0, "n", "/bin/true",
-               {"/bin/true"}),
-        accept("cmd i,2147483647,y,n n /bin/true", ENTRY_CMD, kI, 2147483647, 1, 0, "n",
-               "/bin/true", {"/bin/true"}),
-        reject("cmd i,2147483648,y,n n /bin/true"),
-        reject("cmd i,-2147483649,y,n n /bin/true"),
-        reject("cmd i,99999999999999999999999,y,n n /bin/true"),
-        reject("cmd i,soon,y,n n /bin/true"),
-        reject("cmd i,--,y,n n /bin/true"),
-
-        // Exactly four sub-fields; empty ones collapse.
-        reject("cmd i,-,y,n,y n /bin/true"),
-        reject("cmd i,-,y n /bin/true"),
-        reject("cmd i,-,,n n /bin/true"),
-        accept("cmd i,-,y,,n n /bin/true", ENTRY_CMD, kI, 15, 1, 0, "n", "/bin/true",
-               {"/bin/true"}),
-        reject("cmd i1,-,y,n n /bin/true"),
-        reject("cmd ,,,, n /bin/true"),
-
-        // Paths and arguments.
-        reject("file i,-,y,n n etc/hosts"),
-        reject("cmd i,-,y,n n bin/true"),
-        reject("file i,-,y,n n /etc/a /etc/b"),
-        reject("log i,-,y,n n /var/log/a /var/log/b"),
-        reject("cmd i,-,y,n n"),
-        reject("cmd i,-,y,n"),
-        reject("cmd"),
-        accept("cmd\ti,-,y,n\t n  /bin/echo \t a   b\n", ENTRY_CMD, kI, 15, 1, 0, "n",
-               "/bin/echo", {"/bin/echo", "a", "b"}),
-        accept("cmd i,-,y,n n /bin/echo a#b c", ENTRY_CMD, kI, 15, 1, 0, "n", "/bin/echo",
-               {"/bin/echo", "a"}),
-        reject("cmd i,-,y,n n #/bin/true"),
-
-        // Blank and comment lines.
-        nothing(""),
-        nothing(" \t \n"),
-        nothing("# cmd i,-,y,n n /bin/true"),
-        nothing("   # indented comment"),
-
-        // "%d" counts only in arguments.
-        accept("cmd i,-,y,n n /bin/echo x%d", ENTRY_CMD, kI, 15, 1, 0, "n", "/bin/echo",
-               {"/bin/echo", "x%d"}, 1),
-        accept("cmd i,-,y,n n /bin/x%d", ENTRY_CMD, kI, 15, 1, 0, "n", "/bin/x%d",
-               {"/bin/x%d"}, 0),
-        accept("cmd i,-,y,n n /bin/echo a b c%d", ENTRY_CMD, kI, 15, 1, 0, "n", "/bin/echo",
-               {"/bin/echo", "a", "b", "c%d"}, 1),
-        accept("cmd i,-,y,n n /bin/echo %i d", ENTRY_CMD, kI, 15, 1, 0, "n", "/bin/echo",
-               {"/bin/echo", "%i", "d"}, 0),
-        accept("file i,-,y,n n /var/%d", ENTRY_FILE, kI, 15, 1, 0, "n", "/var/%d", {}, 0),
-
-        // Name cleaning and the prefix.
-        named("./x", "", "x"),
-        named("../x", "", "x"),
-        named("/x", "", "x"),
-        named("x///", "", "x"),
-        named(".//./a/b//", "", "a/b"),
-        named("x/../y", "", "x/../y"),
-        named(".x", "", "x"),
-        named("./../", "", ""),
-        named("...", "", ""),
-        named("x", "pre", "pre/x"),
-        named("./x/", "pre/dir", "pre/dir/x"),
-        named("./", "pre", "pre"),
-
-        // Log-only runs drop cmd and file lines unchecked.
-        log_only(nothing("cmd garbage")),
-        log_only(nothing("FILE garbage")),
-        log_only(nothing("cmd i,0,Y,n n rel")),
-        log_only(reject("log garbage")),
-        log_only(reject("bogus i,-,y,n n /bin/true")),
-        log_only(accept("cut i,-,y,n n /bin/true", ENTRY_CUT, kI, 15, 1, 0, "n", "/bin/true",
-                        {"/bin/true"})),
-        log_only(accept("log i,-,y,n n /var/log/x", ENTRY_LOG, kI, 15, 1, 0, "n",
-                        "/var/log/x", {})),
-        log_only(nothing("# cmd")),
-        with_prefix(accept("cut i,-,y,n ./d/ /bin/true", ENTRY_CUT, kI, 15, 1, 0, "p/d",
-                           "/bin/true", {"/bin/true"}),
-                    "p"),
-    };
-}
-
-class LogOnlyGuard {
-  public:
-    explicit LogOnlyGuard(int value) : saved_(log_only_mode) { log_only_mode = value; }
-    ~LogOnlyGuard() { log_only_mode = saved_; }
-
-  private:
-    int saved_;
+// Restores the run flag even when an assertion leaves the test early.
+struct LogOnlyRestore {
+    int saved = log_only_mode;
+    ~LogOnlyRestore() { log_only_mode = saved; }
 };
 
 TEST(ConfigParseLine, AcceptsAndRejectsLines) {
-    for (const auto &c : line_cases()) {
+    LogOnlyRestore restore;
+    for (const auto &c : kLines) {
         SCOPED_TRACE(std::string("line \"") + c.line + "\" prefix \"" + c.prefix +
-                     "\" log_only " + std::to_string(c.log_only));
-        LogOnlyGuard mode(c.log_only);
+                     "\" log-only " + std::to_string(c.log_only));
+        log_only_mode = c.log_only;
         ConfigList list;
         int uses_domain = 0;
-        const std::string before = c.line;
-        ASSERT_EQ(quelvane_config_parse_line(&list, c.line, c.prefix, &uses_domain), c.result);
-        EXPECT_EQ(before, c.line);
-        if (!c.appended) {
+        const int result = quelvane_config_parse_line(&list, c.line, c.prefix, &uses_domain);
+        EXPECT_EQ(result, c.expected == REJECTED ? -1 : 0);
+        if (c.expected == REJECTED || *c.expected == '\0') {
             EXPECT_EQ(list.head, nullptr);
-            EXPECT_EQ(list.tail, nullptr);
             EXPECT_EQ(uses_domain, 0);
             continue;
         }
         ASSERT_NE(list.head, nullptr);
-        const ConfigEntry &e = *list.head;
-        EXPECT_EQ(list.tail, list.head);
-        EXPECT_EQ(e.next, nullptr);
-        EXPECT_EQ(e.type, c.type);
-        EXPECT_EQ(e.datasets, c.datasets);
-        EXPECT_EQ(e.timeout, c.timeout);
-        EXPECT_EQ(e.collect_when_spswdown, c.spswdown);
-        EXPECT_EQ(e.literal_path, c.literal);
-        EXPECT_EQ(e.member_name, c.member_name);
-        EXPECT_EQ(e.path, c.path);
-        EXPECT_EQ(e.argv, c.argv);
-        EXPECT_EQ(e.uses_domain, c.uses_domain);
-        EXPECT_EQ(uses_domain, c.uses_domain);
-        EXPECT_TRUE(e.command.empty());
+        EXPECT_EQ(list.head, list.tail);
+        EXPECT_EQ(describe(*list.head), c.expected);
+        EXPECT_EQ(uses_domain, list.head->uses_domain);
+        EXPECT_TRUE(list.head->command.empty());
     }
 }
 
-TEST(ConfigParseLine, DomainFlagIsNeverCleared) {
+TEST(ConfigParseLine, ListKeepsFileOrderAndTheDomainFlagStays) {
     ConfigList list;
-    int uses_domain = 1;
-    EXPECT_EQ(quelvane_config_parse_line(&list, "cmd i,-,y,n n /bin/true", "", &uses_domain), 0);
-    EXPECT_EQ(uses_domain, 1);
-    EXPECT_EQ(list.head->uses_domain, 0);
+    int uses_domain = 0;
+    for (const char *line : {"cut i,-,y,n one /bin/echo %d", "file i,-,y,n two /etc/hosts",
+                             "cmd i,-,y,n three /bin/true"}) {
+        ASSERT_EQ(quelvane_config_parse_line(&list, line, "", &uses_domain), 0);
+    }
+    EXPECT_EQ(uses_domain, 1);  // later lines without "%d" leave it set
+    std::string names;
+    for (const ConfigEntry *e = list.head; e != nullptr; e = e->next) names += e->member_name + " ";
+    EXPECT_EQ(names, "one two three ");
+    EXPECT_EQ(list.tail->member_name, "three");
+    EXPECT_EQ(quelvane_config_free_list(&list), 0);
+    EXPECT_EQ(list.head, nullptr);
+    EXPECT_EQ(list.tail, nullptr);
 }
 
-TEST(ConfigParseLine, NullArgumentsAreRejected) {
+TEST(ConfigParseLine, NullArgumentsFail) {
     ConfigList list;
     int flag = 0;
+    uint32_t set = 7;
     const char *line = "cmd i,-,y,n n /bin/true";
     EXPECT_EQ(quelvane_config_parse_line(nullptr, line, "", &flag), -1);
     EXPECT_EQ(quelvane_config_parse_line(&list, nullptr, "", &flag), -1);
     EXPECT_EQ(quelvane_config_parse_line(&list, line, nullptr, &flag), -1);
     EXPECT_EQ(quelvane_config_parse_line(&list, line, "", nullptr), -1);
-    EXPECT_EQ(list.head, nullptr);
-}
-
-TEST(ConfigList, KeepsFileOrderAndFreesEverything) {
-    ConfigList list;
-    int flag = 0;
-    const char *lines[] = {"cmd i,-,y,n one /bin/true", "file i,-,y,n two /etc/hosts",
-                           "cut i,-,y,n three /bin/echo %d"};
-    for (const char *line : lines) ASSERT_EQ(quelvane_config_parse_line(&list, line, "", &flag), 0);
-    std::vector<std::string> names;
-    for (ConfigEntry *e = list.head; e != nullptr; e = e->next) names.push_back(e->member_name);
-    EXPECT_EQ(names, (std::vector<std::string>{"one", "two", "three"}));
-    EXPECT_EQ(list.tail->member_name, "three");
-
-    EXPECT_EQ(quelvane_config_free_list(&list), 0);
-    EXPECT_EQ(list.head, nullptr);
-    EXPECT_EQ(list.tail, nullptr);
-    // A freed list can be filled again.
-    ASSERT_EQ(quelvane_config_parse_line(&list, lines[0], "", &flag), 0);
-    EXPECT_EQ(list.head, list.tail);
-
+    EXPECT_EQ(quelvane_config_read_file(&list, "/dev/null", "", nullptr), -1);
+    EXPECT_EQ(quelvane_config_read_file(&list, nullptr, "", &flag), -1);
+    EXPECT_EQ(quelvane_config_parse_datasets(nullptr, &set), -1);
+    EXPECT_EQ(quelvane_config_parse_datasets("a", nullptr), -1);
     EXPECT_EQ(quelvane_config_free_list(nullptr), -1);
     EXPECT_EQ(quelvane_config_free_entry(nullptr), -1);
-    quelvane_config_append_entry(nullptr, nullptr);  // ignored
+    EXPECT_EQ(list.head, nullptr);
+    EXPECT_EQ(set, 7u);
 }
 
-TEST(ConfigAttributes, FillsTheEntryFromOneField) {
-    ConfigEntry entry;
-    char field[] = "ab,0x20,n,y";
-    ASSERT_EQ(quelvane_config_parse_attributes(&entry, field), 0);
-    EXPECT_EQ(entry.datasets, 3u);
-    EXPECT_EQ(entry.timeout, 32);
-    EXPECT_EQ(entry.collect_when_spswdown, 0);
-    EXPECT_EQ(entry.literal_path, 1);
-
-    char bad[] = "a,1,y";
-    EXPECT_EQ(quelvane_config_parse_attributes(&entry, bad), -1);
-    EXPECT_EQ(quelvane_config_parse_attributes(nullptr, bad), -1);
-    EXPECT_EQ(quelvane_config_parse_attributes(&entry, nullptr), -1);
-}
-
-// Temporary directory removed with its contents.
-class ScratchDir {
-  public:
-    ScratchDir() {
-        char pattern[] = "/tmp/quelvane-config-XXXXXX";
-        const char *made = mkdtemp(pattern);
-        if (made != nullptr) path_ = made;
-    }
-    ~ScratchDir() {
-        if (!path_.empty()) {
-            std::string command = "rm -rf '" + path_ + "'";
-            if (system(command.c_str()) != 0) perror("rm");
-        }
-    }
-    const std::string &path() const { return path_; }
-
-  private:
-    std::string path_;
-};
-
-void write_file(const std::string &path, const std::string &content) {
-    std::ofstream out(path, std::ios::binary);
-    out << content;
-}
-
-// Standard error of one call, taken from descriptor 2 itself.
+// What one call wrote to descriptor 2.
 template <typename Call>
-std::string capture_stderr(const ScratchDir &dir, Call call) {
-    const std::string path = dir.path() + "/stderr";
+std::string stderr_of(const qt::TempDir &dir, Call call) {
+    const std::string path = dir.file("stderr");
     fflush(stderr);
-    int saved = dup(2);
-    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    const int saved = dup(2);
+    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
     dup2(fd, 2);
     close(fd);
     call();
     fflush(stderr);
     dup2(saved, 2);
     close(saved);
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
+    return qt::read_file(path);
 }
 
-std::vector<std::string> member_names(const ConfigList &list) {
-    std::vector<std::string> names;
-    for (ConfigEntry *e = list.head; e != nullptr; e = e->next) names.push_back(e->member_name);
-    return names;
-}
-
-TEST(ConfigReadFile, ReportsRejectedLinesWithTheirNumbers) {
-    ScratchDir dir;
-    ASSERT_FALSE(dir.path().empty());
-    const std::string conf = dir.path() + "/quelvane.conf";
-    write_file(conf,
-               "# collection for tests\n"           // 1
-               "cmd i,-,y,n first /bin/true\n"      // 2
-               "bogus line here\n"                  // 3
-               "\n"                                 // 4
-               "file i,-,y,n rel etc/hosts\n"       // 5
-               "cut i,-,y,n second /bin/echo %d\n"  // 6
-               "cmd i,0,y,n n /bin/true");          // 7, no newline at the end
+TEST(ConfigReadFile, ReportsRejectedLinesAndPiecesWithTheirNumbers) {
+    qt::TempDir dir;
+    const std::string conf = dir.file("quelvane.conf");
+    const std::string long_line(2000, 'z');  // read as pieces 5 and 6
+    ASSERT_TRUE(qt::write_file(conf, "# collection for tests\n"
+                                     "cmd i,-,y,n first /bin/true\n"
+                                     "bogus line here\n"
+                                     "\n" +
+                                         long_line + "\n" +
+                                         "file i,-,y,n rel etc/hosts\n"
+                                         "cut i,-,y,n second /bin/echo %d\n"
+                                         "cmd i,0,y,n n /bin/true"));  // no newline at the end
     ConfigList list;
     int uses_domain = 0;
     int result = -2;
-    const std::string err = capture_stderr(dir, [&] {
+    const std::string err = stderr_of(dir, [&] {
         result = quelvane_config_read_file(&list, conf.c_str(), "pre", &uses_domain);
     });
     EXPECT_EQ(result, 0);
-    EXPECT_EQ(err, "Error on line " + conf + ":3: bogus line here\n" +
-                       "Error on line " + conf + ":5: file i,-,y,n rel etc/hosts\n" +
-                       "Error on line " + conf + ":7: cmd i,0,y,n n /bin/true\n");
-    EXPECT_EQ(member_names(list), (std::vector<std::string>{"pre/first", "pre/second"}));
+    const std::string at = "Error on line " + conf + ":";
+    EXPECT_EQ(err, at + "3: bogus line here\n" +                     //
+                       at + "5: " + std::string(1023, 'z') + "\n" +  // newline added
+                       at + "6: " + std::string(977, 'z') + "\n" +   //
+                       at + "7: file i,-,y,n rel etc/hosts\n" +      //
+                       at + "9: cmd i,0,y,n n /bin/true\n");
+    ASSERT_NE(list.head, nullptr);
+    EXPECT_EQ(list.head->member_name, "pre/first");
+    ASSERT_NE(list.head->next, nullptr);
+    EXPECT_EQ(list.head->next->member_name, "pre/second");
+    EXPECT_EQ(list.head->next, list.tail);
     EXPECT_EQ(uses_domain, 1);
 }
 
-TEST(ConfigReadFile, LongLinesAreReadInNumberedPieces) {
-    ScratchDir dir;
-    ASSERT_FALSE(dir.path().empty());
-    const std::string conf = dir.path() + "/long.conf";
-    // 2000 characters: the first 1023 make a valid command line of their own,
-    // the rest is a line that starts with no keyword.
-    const std::string head = "cmd i,-,y,n n /bin/echo ";
-    const std::string tail(2000 - head.size(), 'x');
-    write_file(conf, head + tail + "\nbogus\n");
-
+TEST(ConfigReadFile, UnopenableOrUnreadableFileFails) {
+    qt::TempDir dir;
+    const std::string missing = dir.file("missing.conf");
     ConfigList list;
     int uses_domain = 0;
-    const std::string err = capture_stderr(dir, [&] {
-        EXPECT_EQ(quelvane_config_read_file(&list, conf.c_str(), "", &uses_domain), 0);
-    });
-    const size_t first_piece = 1023 - head.size();
-    EXPECT_EQ(err, "Error on line " + conf + ":2: " + std::string(tail.size() - first_piece, 'x') +
-                       "\n" + "Error on line " + conf + ":3: bogus\n");
-    ASSERT_NE(list.head, nullptr);
-    ASSERT_EQ(list.head->argv.size(), 2u);
-    EXPECT_EQ(list.head->argv[1], std::string(first_piece, 'x'));
-    EXPECT_EQ(list.head->next, nullptr);
-}
-
-TEST(ConfigReadFile, BadLongLineIsReportedPieceByPiece) {
-    ScratchDir dir;
-    ASSERT_FALSE(dir.path().empty());
-    const std::string conf = dir.path() + "/bad.conf";
-    const std::string line(2000, 'z');
-    write_file(conf, line + "\n");
-
-    ConfigList list;
-    int uses_domain = 0;
-    const std::string err = capture_stderr(dir, [&] {
-        EXPECT_EQ(quelvane_config_read_file(&list, conf.c_str(), "", &uses_domain), 0);
-    });
-    // The first piece has no newline of its own, so one is added after it.
-    EXPECT_EQ(err, "Error on line " + conf + ":1: " + std::string(1023, 'z') + "\n" +
-                       "Error on line " + conf + ":2: " + std::string(2000 - 1023, 'z') + "\n");
-    EXPECT_EQ(list.head, nullptr);
-}
-
-TEST(ConfigReadFile, UnopenableFileFailsWithTwoLines) {
-    ScratchDir dir;
-    ASSERT_FALSE(dir.path().empty());
-    const std::string conf = dir.path() + "/missing.conf";
-    ConfigList list;
-    int uses_domain = 0;
-    const std::string err = capture_stderr(dir, [&] {
-        EXPECT_EQ(quelvane_config_read_file(&list, conf.c_str(), "", &uses_domain), -1);
-    });
-    EXPECT_EQ(err, "Unable to open config file: " + conf + "\n" + conf +
-                       ": No such file or directory\n");
-    EXPECT_EQ(list.head, nullptr);
-}
-
-TEST(ConfigReadFile, UnreadableFileIsAnErrorNotAnEmptyList) {
-    ScratchDir dir;
-    ASSERT_FALSE(dir.path().empty());
-    ConfigList list;
-    int uses_domain = 0;
-    // A directory opens for reading but every read fails.
-    const std::string err = capture_stderr(dir, [&] {
-        EXPECT_EQ(quelvane_config_read_file(&list, dir.path().c_str(), "", &uses_domain), -1);
-    });
-    EXPECT_EQ(err, dir.path() + ": Is a directory\n");
-}
-
-TEST(ConfigReadFile, NullArgumentsFail) {
-    ConfigList list;
-    int flag = 0;
-    EXPECT_EQ(quelvane_config_read_file(nullptr, "/dev/null", "", &flag), -1);
-    EXPECT_EQ(quelvane_config_read_file(&list, nullptr, "", &flag), -1);
-    EXPECT_EQ(quelvane_config_read_file(&list, "/dev/null", nullptr, &flag), -1);
-    EXPECT_EQ(quelvane_config_read_file(&list, "/dev/null", "", nullptr), -1);
-    EXPECT_EQ(quelvane_config_read_file(&list, "/dev/null", "", &flag), 0);
+    EXPECT_EQ(stderr_of(dir,
+                        [&] {
+                            EXPECT_EQ(quelvane_config_read_file(&list, missing.c_str(), "",
+                                                                &uses_domain),
+                                      -1);
+                        }),
+              "Unable to open config file: " + missing + "\n" + missing +
+                  ": No such file or directory\n");
+    // A directory opens for reading but every read fails: not an empty list.
+    EXPECT_EQ(stderr_of(dir,
+                        [&] {
+                            EXPECT_EQ(quelvane_config_read_file(&list, dir.path().c_str(), "",
+                                                                &uses_domain),
+                                      -1);
+                        }),
+              dir.path() + ": Is a directory\n");
     EXPECT_EQ(list.head, nullptr);
 }
 
