@@ -118,23 +118,14 @@ RunResult run(const RunSpec &spec)
     argv_text.push_back(spec.argv0.empty() ? program : spec.argv0);
     argv_text.insert(argv_text.end(), spec.args.begin(), spec.args.end());
 
-    std::vector<std::string> env_text = {"PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin",
-                                         "LC_ALL=C"};
-    for (const std::string &e : spec.env) {
-        std::string key = e.substr(0, e.find('=') + 1);
-        bool replaced = false;
-        for (std::string &have : env_text)
-            if (have.compare(0, key.size(), key) == 0) {
-                have = e;
-                replaced = true;
-            }
-        if (!replaced)
-            env_text.push_back(e);
-    }
-    // Sanitizer settings reach the child so that its reports are not lost.
+    // The first definition of a name wins, so the test's own come first;
+    // sanitizer settings reach the child so that its reports are not lost.
+    std::vector<std::string> env_text = spec.env;
     for (const char *name : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS"})
         if (const char *value = getenv(name))
             env_text.push_back(std::string(name) + "=" + value);
+    env_text.push_back("PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin");
+    env_text.push_back("LC_ALL=C");
 
     std::vector<char *> argv;
     for (std::string &a : argv_text)
@@ -235,7 +226,7 @@ RunResult run_quelvane(const TempDir &dir, const std::vector<std::string> &args,
 {
     mkdir(dir.file("home").c_str(), 0755);
     spec.args.insert(spec.args.begin(), args.begin(), args.end());
-    spec.env.insert(spec.env.begin(), "QUELVANE_HOME=" + dir.file("home"));
+    spec.env.push_back("QUELVANE_HOME=" + dir.file("home"));
     if (spec.cwd.empty())
         spec.cwd = dir.path();
     return run(spec);

@@ -41,7 +41,7 @@ struct RunSpec {
     std::vector<std::string> args;                  // after argv[0]
     std::string program;                            // default: the quelvane binary
     std::string argv0;                              // default: program
-    std::vector<std::string> env;                   // "NAME=value", over PATH and LC_ALL=C
+    std::vector<std::string> env;                   // "NAME=value"; besides PATH and LC_ALL=C
     std::string stdin_data;                         // standard input (empty: at end at once)
     std::vector<std::pair<int, std::string>> fds;   // descriptor N open for reading this data
     std::string cwd;                                // default: unchanged
