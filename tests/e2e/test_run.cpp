@@ -65,6 +65,8 @@ void expect_archive(const std::string &bytes, const std::string &scratch, const 
 TEST(FileOutput, ArchiveStatusLinesAndReaders)
 {
     RunDir s;
+    // An older, longer file of the same name is replaced, not overwritten in place.
+    ASSERT_TRUE(qt::write_file(s.dir.file("out.zip"), std::string(100000, 'J')));
     qt::RunResult r = qt::run_quelvane(s.dir, {"-L", "i", "-f", s.conf, "-a", "x.zip", "-o", "out.zip"});
     EXPECT_EQ(r.out, "Collecting data into out.zip\nData collection complete\n");
     EXPECT_EQ(r.err, "");
@@ -349,8 +351,11 @@ TEST(ExitStatus, InterruptedWalkRemovesTheArchive)
                                        "cmd i,-,y,n after /bin/echo after\n"));
     const std::string out = s.dir.file("out.zip");
     qt::RunSpec spec;
-    spec.during = [out](pid_t pid) {
+    const std::string lock_dir = s.dir.file("home/quelvane_tmp/quelvane.quelvane");
+    spec.during = [out, lock_dir](pid_t pid) {
         wait_for_archive(out);
+        // Left in the lock directory during the run: cleared at release.
+        qt::write_file(lock_dir + "/scratch", "x");
         kill(pid, SIGINT);
         std::this_thread::sleep_for(std::chrono::milliseconds(300));
         kill(pid, SIGINT);
@@ -366,6 +371,7 @@ TEST(ExitStatus, InterruptedWalkRemovesTheArchive)
               "Starting Command: /bin/sleep 20\nCommand '/bin/sleep' interrupted by user\n"
               "Interrupted by user\n");
     EXPECT_FALSE(qt::file_exists(out));
+    EXPECT_FALSE(qt::file_exists(lock_dir));
     EXPECT_LT(r.seconds, 15);
 }
 
