@@ -18,8 +18,6 @@
 #include <sstream>
 #include <thread>
 
-extern char **environ;
-
 namespace qt {
 
 std::string quelvane_binary() { return QUELVANE_BINARY; }
@@ -44,21 +42,40 @@ TempDir::~TempDir()
         fprintf(stderr, "could not remove %s\n", path_.c_str());
 }
 
+namespace {
+
+bool write_all(int fd, const std::string &data)
+{
+    for (size_t done = 0; done < data.size();) {
+        ssize_t n = write(fd, data.data() + done, data.size() - done);
+        if (n <= 0)
+            return false;
+        done += static_cast<size_t>(n);
+    }
+    return true;
+}
+
+// An anonymous in-memory file holding data, positioned at its start.
+int memory_file(const std::string &data)
+{
+    int fd = memfd_create("run", 0);
+    if (fd < 0 || !write_all(fd, data)) {
+        perror("memfd");
+        abort();
+    }
+    lseek(fd, 0, SEEK_SET);
+    return fd;
+}
+
+}  // namespace
+
 bool write_file(const std::string &path, const std::string &content, unsigned mode)
 {
     int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, mode);
     if (fd < 0)
         return false;
-    size_t done = 0;
-    while (done < content.size()) {
-        ssize_t n = write(fd, content.data() + done, content.size() - done);
-        if (n <= 0) {
-            close(fd);
-            return false;
-        }
-        done += static_cast<size_t>(n);
-    }
-    return close(fd) == 0 && chmod(path.c_str(), mode) == 0;
+    bool written = write_all(fd, content);
+    return close(fd) == 0 && written && chmod(path.c_str(), mode) == 0;
 }
 
 std::string read_file(const std::string &path)
@@ -74,42 +91,6 @@ bool file_exists(const std::string &path)
     struct stat st;
     return lstat(path.c_str(), &st) == 0;
 }
-
-namespace {
-
-// An anonymous in-memory file holding data, positioned at its start.
-int memory_file(const char *name, const std::string &data)
-{
-    int fd = memfd_create(name, 0);
-    if (fd < 0) {
-        perror("memfd_create");
-        abort();
-    }
-    size_t done = 0;
-    while (done < data.size()) {
-        ssize_t n = write(fd, data.data() + done, data.size() - done);
-        if (n <= 0) {
-            perror("write");
-            abort();
-        }
-        done += static_cast<size_t>(n);
-    }
-    lseek(fd, 0, SEEK_SET);
-    return fd;
-}
-
-std::string read_all(int fd)
-{
-    std::string data;
-    lseek(fd, 0, SEEK_SET);
-    char buffer[65536];
-    ssize_t n;
-    while ((n = read(fd, buffer, sizeof buffer)) > 0)
-        data.append(buffer, static_cast<size_t>(n));
-    return data;
-}
-
-}  // namespace
 
 RunResult run(const RunSpec &spec)
 {
@@ -136,12 +117,12 @@ RunResult run(const RunSpec &spec)
         envp.push_back(e.data());
     envp.push_back(nullptr);
 
-    int in_fd = memory_file("stdin", spec.stdin_data);
-    int out_fd = memory_file("stdout", "");
-    int err_fd = memory_file("stderr", "");
-    std::vector<int> extra;
+    // Standard input, output, error and the extra descriptors, as the
+    // child will see them.
+    std::vector<std::pair<int, int>> plan = {
+        {memory_file(spec.stdin_data), 0}, {memory_file(""), 1}, {memory_file(""), 2}};
     for (const auto &fd_data : spec.fds)
-        extra.push_back(memory_file("extra", fd_data.second));
+        plan.push_back({memory_file(fd_data.second), fd_data.first});
 
     auto started = std::chrono::steady_clock::now();
     pid_t pid = fork();
@@ -150,26 +131,18 @@ RunResult run(const RunSpec &spec)
         abort();
     }
     if (pid == 0) {
-        // Move every source above the targets first, so no dup2 clobbers one.
-        const int high = 900;
-        int in_high = fcntl(in_fd, F_DUPFD, high);
-        int out_high = fcntl(out_fd, F_DUPFD, high);
-        int err_high = fcntl(err_fd, F_DUPFD, high);
-        std::vector<int> extra_high;
-        for (int fd : extra)
-            extra_high.push_back(fcntl(fd, F_DUPFD, high));
-        dup2(in_high, 0);
-        dup2(out_high, 1);
-        dup2(err_high, 2);
-        for (size_t i = 0; i < extra_high.size(); i++)
-            dup2(extra_high[i], spec.fds[i].first);
-        for (int fd = 3; fd < 1024; fd++) {
-            bool keep = false;
-            for (const auto &fd_data : spec.fds)
-                keep = keep || fd_data.first == fd;
-            if (!keep)
-                close(fd);
+        // Every source moves above the targets first, so no dup2 clobbers
+        // one; then only the targets stay open.
+        for (auto &step : plan)
+            step.first = fcntl(step.first, F_DUPFD, 900);
+        std::set<int> targets;
+        for (const auto &step : plan) {
+            dup2(step.first, step.second);
+            targets.insert(step.second);
         }
+        for (int fd = 3; fd < 1024; fd++)
+            if (targets.count(fd) == 0)
+                close(fd);
         sigset_t none;
         sigemptyset(&none);
         sigprocmask(SIG_SETMASK, &none, nullptr);
@@ -183,9 +156,9 @@ RunResult run(const RunSpec &spec)
         _exit(127);
     }
 
-    close(in_fd);
-    for (int fd : extra)
-        close(fd);
+    for (size_t i = 0; i < plan.size(); i++)
+        if (plan[i].second != 1 && plan[i].second != 2)
+            close(plan[i].first);
     if (spec.during)
         spec.during(pid);
 
@@ -215,10 +188,10 @@ RunResult run(const RunSpec &spec)
     } else if (WIFSIGNALED(status)) {
         result.term_signal = WTERMSIG(status);
     }
-    result.out = read_all(out_fd);
-    result.err = read_all(err_fd);
-    close(out_fd);
-    close(err_fd);
+    result.out = read_file("/proc/self/fd/" + std::to_string(plan[1].first));
+    result.err = read_file("/proc/self/fd/" + std::to_string(plan[2].first));
+    close(plan[1].first);
+    close(plan[2].first);
     return result;
 }
 
