@@ -111,6 +111,20 @@ std::string read_all(int fd)
 
 }  // namespace
 
+std::string capture_stderr(const std::function<void()> &call)
+{
+    fflush(stderr);
+    const int saved = dup(2), fd = memory_file("captured", "");
+    dup2(fd, 2);
+    call();
+    fflush(stderr);
+    dup2(saved, 2);
+    close(saved);
+    std::string text = read_all(fd);
+    close(fd);
+    return text;
+}
+
 RunResult run(const RunSpec &spec)
 {
     const std::string program = spec.program.empty() ? quelvane_binary() : spec.program;
