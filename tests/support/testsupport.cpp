@@ -92,6 +92,20 @@ bool file_exists(const std::string &path)
     return lstat(path.c_str(), &st) == 0;
 }
 
+std::string capture_stderr(const std::function<void()> &call)
+{
+    fflush(stderr);
+    const int saved = dup(2), fd = memory_file("");
+    dup2(fd, 2);
+    call();
+    fflush(stderr);
+    dup2(saved, 2);
+    close(saved);
+    std::string text = read_file("/proc/self/fd/" + std::to_string(fd));
+    close(fd);
+    return text;
+}
+
 RunResult run(const RunSpec &spec)
 {
     const std::string program = spec.program.empty() ? quelvane_binary() : spec.program;

@@ -61,6 +61,10 @@ struct RunResult {
 };
 
 RunResult run(const RunSpec &spec);
+
+// What call wrote to standard error (descriptor 2) while it ran.
+std::string capture_stderr(const std::function<void()> &call);
+
 // The tool in the directory dir, with QUELVANE_HOME=dir/home and the
 // working directory dir; spec supplies anything else (stdin, descriptors).
 RunResult run_quelvane(const TempDir &dir, const std::vector<std::string> &args,
