@@ -65,6 +65,16 @@ int write_bytes(int out_fd, const char *bytes, size_t count)
     return 0;
 }
 
+int write_little_endian(int out_fd, uint32_t value, int bytes)
+{
+    if (out_fd < 0)
+        return -1;
+    for (int i = 0; i < bytes; ++i, value >>= 8)
+        if (zip_write_u8(out_fd, value) != 0)
+            return -1;
+    return 0;
+}
+
 int write_central_record(int out_fd, const ZipMember &member)
 {
     uint32_t time_part = member.dos_datetime & 0xffff;
@@ -110,22 +120,12 @@ int zip_write_u8(int out_fd, uint32_t value)
 
 int zip_write_u16(int out_fd, uint32_t value)
 {
-    if (out_fd < 0)
-        return -1;
-    for (int shift = 0; shift < 16; shift += 8)
-        if (zip_write_u8(out_fd, value >> shift) != 0)
-            return -1;
-    return 0;
+    return write_little_endian(out_fd, value, 2);
 }
 
 int zip_write_u32(int out_fd, uint32_t value)
 {
-    if (out_fd < 0)
-        return -1;
-    for (int shift = 0; shift < 32; shift += 8)
-        if (zip_write_u8(out_fd, value >> shift) != 0)
-            return -1;
-    return 0;
+    return write_little_endian(out_fd, value, 4);
 }
 
 uint32_t zip_dos_datetime(time_t t)
