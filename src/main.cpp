@@ -2,41 +2,625 @@
 #include "main.h"
 
 #ifndef QUELVANE_MAIN_ONLY
+#include <fcntl.h>
+#include <libgen.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <clocale>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <new>
 
+#include <openssl/crypto.h>
+
+#include "quelvane_config_file.h"
+#include "quelvane_datagen.h"
 #include "quelvane_util.h"
+#include "quelvane_zip.h"
 
-void usage(int status)
-{
-    exit(status);
-}
+namespace {
 
-void quelvane_parse_options(int, char **, RunOptions *)
+constexpr int STATUS_OUT_OF_MEMORY = 8;
+constexpr size_t MAX_PASSWORD = 63;
+
+// 'r' is left out on purpose: the device clean-up stays switched off until
+// the letter is added here.
+const char OPTION_STRING[] = ":a:bCd:ef:hI:lL:no:p:P:qu:vy";
+
+[[noreturn]] void refuse(const char *message)
 {
+    fputs(message, stderr);
     usage(1);
 }
 
-int quelvane_run(RunOptions *)
+// A second use of a flag that may appear once.
+void once(int *seen, const char *message)
 {
-    return 2;
+    if (*seen)
+        refuse(message);
+    *seen = 1;
 }
 
-int usb_write_test(const char *)
+}  // namespace
+
+void usage(int status)
 {
-    return -1;
+    // The usage text names neither -a, -f nor -o, and does name -r.
+    fprintf(stderr,
+            _("       %s [-l] [-v] [-r] [[-q] -{y|n}] [-e [-P encryption-password]] \\\n"
+              "                [-L <dataset letters>] -d usb-device\n"),
+            program_name);
+    fprintf(stderr, _("       %s -h\n"), program_name);
+    exit(status);
 }
 
-int usb_prepare_device(const char *, const char *)
+void quelvane_parse_options(int argc, char **argv, RunOptions *options)
 {
-    return -1;
+    int seen_a = 0, seen_b = 0, seen_C = 0, seen_d = 0, seen_e = 0, seen_f = 0, seen_h = 0;
+    int seen_I = 0, seen_l = 0, seen_L = 0, seen_n = 0, seen_o = 0, seen_P = 0, seen_q = 0;
+    int seen_r = 0, seen_y = 0;
+
+    opterr = 0;
+    int option;
+    while ((option = getopt(argc, argv, OPTION_STRING)) != -1) {
+        switch (option) {
+        case 'a': {
+            if (seen_a)
+                usage(1);
+            seen_a = 1;
+            if (strchr(optarg, '/') != nullptr) {
+                fprintf(stderr, _("archive-name may not contain '/': '%s'\n"), optarg);
+                usage(1);
+            }
+            options->archive_name = optarg;
+            options->archive_base = optarg;
+            // ".zip" is looked for first, so the ".zip.e" lookup only runs
+            // when it cannot match; the order is kept as it always was.
+            size_t cut = options->archive_base.find(".zip");
+            if (cut == std::string::npos)
+                cut = options->archive_base.find(".zip.e");
+            if (cut != std::string::npos)
+                options->archive_base.erase(cut);
+            break;
+        }
+        case 'b':
+            once(&seen_b, _("The -b flag has already been specified.\n"));
+            bui_header = 1;
+            break;
+        case 'C':
+            once(&seen_C, _("The -C flag has already been specified.\n"));
+            no_compression = 1;
+            break;
+        case 'd':
+            once(&seen_d, _("The -d flag has already been specified.\n"));
+            options->usb_device = optarg;
+            options->have_device = true;
+            break;
+        case 'e':
+            once(&seen_e, _("The -e flag has already been specified.\n"));
+            encrypt_output = 1;
+            break;
+        case 'f':
+            if (seen_f)
+                usage(1);
+            seen_f = 1;
+            options->config_path = optarg;
+            break;
+        case 'h':
+            once(&seen_h, _("The -h flag has already been specified.\n"));
+            break;
+        case 'I': {
+            once(&seen_I, _("The -I flag has already been specified.\n"));
+            options->password_fd = atoi(optarg);
+            // Standard input may be the terminal; it never carries the password.
+            if (options->password_fd == 0)
+                refuse(_("FD 0 not allowed with -I.\n"));
+            struct stat st;
+            if (fstat(options->password_fd, &st) == -1)
+                refuse(_("Invalid file descriptor passed to -I.\n"));
+            break;
+        }
+        case 'l':
+            once(&seen_l, _("The -l flag has already been specified.\n"));
+            log_only_mode = 1;
+            break;
+        case 'L':
+            once(&seen_L, _("The -L flag has already been specified.\n"));
+            options->dataset_letters = optarg;
+            if (quelvane_config_parse_datasets(optarg, &options->datasets) == -1)
+                usage(1);
+            break;
+        case 'n':
+            once(&seen_n, _("The -n flag has already been specified.\n"));
+            answer_no = 1;
+            break;
+        case 'o':
+            if (seen_o)
+                usage(1);
+            seen_o = 1;
+            options->output_path = optarg;
+            if (strcmp(optarg, "-") == 0)
+                bui_download_mode = 1;
+            break;
+        case 'p':
+            // Accepted for old callers; the argument means nothing.
+            break;
+        case 'P':
+            once(&seen_P, _("The -P flag has already been specified.\n"));
+            if (strlen(optarg) > MAX_PASSWORD) {
+                fprintf(stderr, _("Maximum encryption password length is %d characters.\n"),
+                        static_cast<int>(MAX_PASSWORD));
+                usage(1);
+            }
+            if (optarg[0] == '\0')
+                refuse(_("The encryption password may not be empty.\n"));
+            options->password = optarg;
+            options->have_password = true;
+            break;
+        case 'q':
+            once(&seen_q, _("The -q flag has already been specified.\n"));
+            quiet = 1;
+            break;
+        case 'r':
+            once(&seen_r, _("The -r flag has already been specified.\n"));
+            options->remove_device_files = 1;
+            break;
+        case 'u':
+            options->no_header = 1;
+            break;
+        case 'v':
+            verbose = 1;
+            break;
+        case 'y':
+            once(&seen_y, _("The -y flag has already been specified.\n"));
+            answer_yes = 1;
+            break;
+        case ':':
+            fprintf(stderr, _("Option -%c requires an argument\n"), optopt);
+            usage(1);
+        default:
+            fprintf(stderr, _("Option -%c is an unknown option\n"), optopt);
+            usage(1);
+        }
+    }
+
+    if (seen_h)
+        usage(argc > 2 ? 1 : 0);
+    if (!seen_f)
+        refuse(_("Missing required -f flag\n"));
+    if (!seen_a)
+        refuse(_("Missing required -a flag\n"));
+    if (answer_yes && answer_no)
+        refuse(_("-y and -n cannot be used together\n"));
+    if (quiet)
+        verbose = 0;
+    if (seen_P && !encrypt_output)
+        refuse(_("-P requires -e flag\n"));
+    if (seen_I && !encrypt_output)
+        refuse(_("-I requires -e flag\n"));
+    if (seen_I && seen_P)
+        refuse(_("-I and -P cannot be used together\n"));
+    if (options->remove_device_files && !seen_d)
+        refuse(_("-r requires -d flag\n"));
+    if (!seen_o)
+        refuse(_("At least one output mode must be specified\n"));
+    if (seen_d && bui_download_mode)
+        refuse(_("Internal error.  USB Device Mode and BUI Download Mode specified "
+                 "simultaneously.\n"));
+    // In browser usage nobody is there to answer a prompt.
+    if (bui_header || bui_download_mode) {
+        if (encrypt_output && !seen_P && !seen_I)
+            refuse(_("Encryption password must be provided with -P or -I in this usage\n"));
+        if (options->remove_device_files && !answer_yes && !answer_no)
+            refuse(_("The -r flag requires -y or -n in this usage\n"));
+    }
 }
+
+// ---------------------------------------------------------------------------
+// Run driver
+// ---------------------------------------------------------------------------
+
+namespace {
+
+// What the end of the run needs to know, whichever step stopped it.
+struct RunState {
+    int status = 0;
+    int output_fd = 1;
+    int keep_archive = 0;
+    int collection_errors = 0;
+};
+
+// Steps 4 to 16 of a run: returns as soon as a step ends the run; the
+// caller closes up.
+void collect(RunOptions *options, RunState *run, char *password)
+{
+    const char *output_path = options->output_path.c_str();
+    int sp_sw_down = get_injected_spswdown();
+
+    if (options->have_device) {
+        if (!quiet)
+            fputs(_("Testing writability of USB device..."), stdout);
+        if (usb_write_test(output_path) == -1) {
+            if (!quiet)
+                fputs(_("FAILURE\n"), stdout);
+            run->status = 1;
+            return;
+        }
+        if (!quiet)
+            fputs(_("SUCCESS\n"), stdout);
+    }
+
+    if (options->remove_device_files) {
+        int prepared = usb_prepare_device(output_path, options->usb_device.c_str());
+        if (prepared == -1) {
+            run->status = 1;
+            fprintf(stderr, _("Consider running %s without -r\n"), program_name);
+            return;
+        }
+        if (prepared == -2) {
+            run->status = 0;
+            return;
+        }
+    }
+
+    bool have_password = false;
+    if (options->have_password) {
+        snprintf(password, MAX_PASSWORD + 1, "%s", options->password.c_str());
+        have_password = true;
+    } else if (options->password_fd != -1) {
+        if (quelvane_password_from_fd(options->password_fd, password) == -1) {
+            run->status = 1;
+            return;
+        }
+        have_password = true;
+    } else if (encrypt_output) {
+        if (quelvane_password_from_terminal(password) == -1) {
+            run->status = 1;
+            return;
+        }
+        have_password = true;
+    }
+    if (encrypt_output && have_password && !bui_download_mode && !quiet)
+        fputs(_("Output data will be encrypted.\n"), stdout);
+
+    ConfigList entries;
+    int uses_domain = 0;
+    int max_domains = 1;
+    if (quelvane_config_read_file(&entries, options->config_path.c_str(),
+                                  options->archive_base.c_str(), &uses_domain) == -1) {
+        run->status = 6;
+        fprintf(stderr, _("Error reading config file: %s\n"), options->config_path.c_str());
+        return;
+    }
+    if (sp_sw_down == 0 && uses_domain)
+        mark_max_domains(&max_domains);
+
+    if (!bui_download_mode) {
+        run->output_fd = open(output_path, O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        if (run->output_fd == -1) {
+            run->status = 1;
+            fprintf(stderr, _("Unable to open output file: %s\n"), output_path);
+            return;
+        }
+        // Printed even with -q: callers read the archive's path from it.
+        printf(_("Collecting data into %s\n"), output_path);
+    }
+    const int out = run->output_fd;
+
+    if (zip_deflate_start() != 0) {
+        run->status = 2;
+        fputs(_("Error starting compression stream\n"), stderr);
+        return;
+    }
+    if (bui_download_mode && bui_header && !options->no_header &&
+        write_download_header(out, options->archive_name.c_str()) == -1) {
+        run->status = 2;
+        return;
+    }
+    if (encrypt_output && sink_encrypt_start(password, out) == -1) {
+        run->status = 2;
+        fputs(_("Error starting encryption\n"), stderr);
+        return;
+    }
+
+    ZipWriter archive;
+    print_progress(_("Sending README File\n"));
+    if (datagen_write_readme(out, options->archive_name.c_str(), options->config_path.c_str(),
+                             &archive, options->archive_base.c_str(),
+                             options->dataset_letters.c_str(), sp_sw_down, max_domains) != 0) {
+        run->status = 2;
+        fputs(_("Error while sending README file to zip archive\n"), stderr);
+        return;
+    }
+    print_progress(_("Sending CONFIG File\n"));
+    if (datagen_write_config(out, &archive, options->archive_base.c_str(),
+                             options->config_path.c_str()) != 0) {
+        run->status = 2;
+        fputs(_("Error while sending CONFIG files to zip archive\n"), stderr);
+        return;
+    }
+
+    errno = 0;
+    int walked = datagen_walk_entries(out, &entries, &archive, options->datasets, sp_sw_down,
+                                      max_domains);
+    if (walked == -2) {
+        int error = errno;
+        fputs(_("Error with output"), stderr);
+        if (error != 0)
+            fprintf(stderr, ": %s\n", strerror(error));
+        else
+            fputc('\n', stderr);
+        run->status = 2;
+        run->keep_archive = 0;
+        return;
+    }
+    if (walked == -1) {
+        // The archive is still completed, then removed.
+        run->status = 5;
+        fputs(_("Data capture interrupted by user.  Attempting to remove archive.\n"), stderr);
+        run->keep_archive = 0;
+    } else {
+        run->collection_errors = walked;
+        run->keep_archive = 1;
+        print_progress(_("Completing ZIP archive\n"));
+    }
+
+    if (zip_finish_archive(out, &archive.total_written) == -1) {
+        run->status = 2;
+        fputs(_("Error completing zip archive\n"), stderr);
+        return;
+    }
+    if (encrypt_output && sink_encrypt_finish(out) == -1) {
+        run->status = 2;
+        fputs(_("Error completing encryption\n"), stderr);
+        return;
+    }
+    if (zip_deflate_end() == -1) {
+        run->status = 2;
+        fputs(_("Error closing compression stream\n"), stderr);
+        return;
+    }
+}
+
+}  // namespace
+
+int quelvane_run(RunOptions *options)
+{
+    set_instance_name(program_name);
+    if (quelvane_signal_setup() == -1) {
+        fputs(_("Unable to setup signal handlers\n"), stderr);
+        return 2;
+    }
+    if (acquire_lock() == -1) {
+        fprintf(stderr, _("Only run one %s at a time\n"), program_name);
+        return 3;
+    }
+
+    RunState run;
+    char password[MAX_PASSWORD + 1] = {};
+    collect(options, &run, password);
+    OPENSSL_cleanse(password, sizeof password);
+    if (!options->password.empty())
+        OPENSSL_cleanse(&options->password[0], options->password.size());
+
+    // A file that did not receive a complete walk is never left behind; in
+    // download mode there is nothing to close.
+    if (!options->output_path.empty() && run.output_fd != 1 && run.output_fd != -1) {
+        close(run.output_fd);
+        if (!run.keep_archive)
+            unlink(options->output_path.c_str());
+        else if (!quiet)
+            fputs(_("Data collection complete\n"), stdout);
+    }
+    if (interrupted_by_user)
+        print_progress(_("Interrupted by user\n"));
+    else if (run.status != 0)
+        print_progress(_("Exiting with error: %d\n"), run.status);
+    else
+        print_progress(_("Finished with %d collection errors\n"), run.collection_errors);
+
+    release_lock();
+    return run.status;
+}
+
+// ---------------------------------------------------------------------------
+// USB device
+// ---------------------------------------------------------------------------
+
+namespace {
+
+const char TEST_TEXT[] = "My test String";
+constexpr size_t TEST_LENGTH = sizeof TEST_TEXT - 1;
+
+struct Descriptor {
+    int fd;
+    explicit Descriptor(int d) : fd(d) {}
+    ~Descriptor()
+    {
+        if (fd != -1)
+            close(fd);
+    }
+    Descriptor(const Descriptor &) = delete;
+    Descriptor &operator=(const Descriptor &) = delete;
+};
+
+// Removes the test file whichever way the test ends.
+struct Unlink {
+    const std::string &path;
+    ~Unlink() { unlink(path.c_str()); }
+};
+
+// Ends the "Removing files" line; the reason follows on standard error.
+void device_failure()
+{
+    if (!quiet)
+        fputs(_("FAILURE\n"), stdout);
+}
+
+void print_mount_point_error(const char *output_path)
+{
+    fprintf(stderr, _("Unable to determine USB device mount point from '%s'\n"), output_path);
+}
+
+}  // namespace
+
+int usb_write_test(const char *output_path)
+{
+    if (output_path == nullptr)
+        return -1;
+    const char *slash = strrchr(output_path, '/');
+    if (slash == nullptr) {
+        print_mount_point_error(output_path);
+        return -1;
+    }
+    std::string test_file;
+    try {
+        std::string directory(output_path, static_cast<size_t>(slash - output_path));
+        char name[64];
+        snprintf(name, sizeof name, "quelvane_testwrite.%d", static_cast<int>(getpid()));
+        test_file = directory + "/" + name;
+    } catch (const std::bad_alloc &) {
+        fputs(_("No Memory\n"), stderr);
+        return -1;
+    }
+    Unlink remove_test_file{test_file};
+
+    {
+        // O_SYNC: the bytes must reach the device, not only the page cache.
+        Descriptor out(open(test_file.c_str(), O_WRONLY | O_CREAT | O_SYNC, 0666));
+        if (out.fd == -1 || write(out.fd, TEST_TEXT, TEST_LENGTH) != static_cast<ssize_t>(TEST_LENGTH)) {
+            int error = errno;
+            fprintf(stderr, _("\nUnable to create testfile '%s' on USB device. fd=%d\n\t%s\n"),
+                    test_file.c_str(), out.fd, strerror(error));
+            return -1;
+        }
+    }
+    Descriptor in(open(test_file.c_str(), O_RDONLY));
+    if (in.fd == -1)
+        return -1;
+    char back[TEST_LENGTH + 1] = {};
+    if (read(in.fd, back, TEST_LENGTH) != static_cast<ssize_t>(TEST_LENGTH))
+        return -1;
+    return memcmp(back, TEST_TEXT, TEST_LENGTH) == 0 ? 0 : -1;
+}
+
+int usb_prepare_device(const char *output_path, const char *usb_device)
+{
+    if (output_path == nullptr || usb_device == nullptr)
+        return -1;
+    const std::string path(output_path);
+    const size_t last = path.rfind('/');
+    if (last == std::string::npos) {
+        print_mount_point_error(output_path);
+        return -1;
+    }
+    const std::string output_directory = path.substr(0, last);
+    const size_t second = output_directory.rfind('/');
+    if (second == std::string::npos) {
+        print_mount_point_error(output_path);
+        return -1;
+    }
+    const std::string mount_point = output_directory.substr(0, second);
+    if (mount_point.empty()) {
+        fputs(_("USB device mount point cannot be '/'\n"), stderr);
+        return -1;
+    }
+
+    if (!quiet)
+        printf(_("About to remove all files from device '%s'.  "), usb_device);
+    int answer = ask_yes_no(_("Continue? [y|n] :"), answer_yes, answer_no);
+    if (answer != 1) {
+        if (answer == -1 || answer == -2)
+            fputc('\n', stderr);
+        if (!quiet)
+            fputs(_("File removal canceled\n"), stdout);
+        return -2;
+    }
+
+    if (!quiet)
+        fputs(_("Removing files from USB device..."), stdout);
+    char saved[4096];
+    if (getcwd(saved, sizeof saved) == nullptr) {
+        device_failure();
+        fputs(_("Unable to determine current directory\n"), stderr);
+        return -1;
+    }
+    if (chdir(mount_point.c_str()) == -1) {
+        device_failure();
+        fprintf(stderr, _("Unable to chdir to USB device mount point: '%s'\n"),
+                mount_point.c_str());
+        return -1;
+    }
+    char now[4096];
+    const bool have_now = getcwd(now, sizeof now) != nullptr;
+    // A mount point that resolves to the root (a symbolic link, "..") is
+    // never emptied.
+    const bool is_root = have_now && strcmp(now, "/") == 0;
+    int removed = 0;
+    if (have_now && !is_root)
+        removed = system("/bin/rm -rf *");
+    if (chdir(saved) == -1) {
+        // The directory was ours a moment ago; the checks below still apply.
+    }
+    if (!have_now || is_root || removed != 0) {
+        device_failure();
+        if (!have_now)
+            fputs(_("Unable to get new working directory\n"), stderr);
+        else if (is_root)
+            fputs(_("USB device mount point cannot be '/'\n"), stderr);
+        else
+            fprintf(stderr, _("Error removing files from USB device (%d)\n"), removed);
+        return -1;
+    }
+    // Made from the caller's directory, so a relative output path names the
+    // directory it named on the command line.
+    if (mkdir(output_directory.c_str(), 0777) == -1) {
+        int error = errno;
+        device_failure();
+        fprintf(stderr, _("Error %d while making directory '%s' on USB device\n"), error,
+                output_directory.c_str());
+        return -1;
+    }
+    if (!quiet)
+        fputs(_("SUCCESS\n"), stdout);
+    return 0;
+}
+
+// ---------------------------------------------------------------------------
+// Start-up
+// ---------------------------------------------------------------------------
 
 int quelvane_main(int argc, char **argv)
 {
-    RunOptions options;
-    quelvane_parse_options(argc, argv, &options);
-    return quelvane_run(&options);
+    setlocale(LC_ALL, "");
+    program_name = strdup(__xpg_basename(argv[0]));
+    if (program_name == nullptr)
+        exit(STATUS_OUT_OF_MEMORY);
+    size_t length = strlen(program_name);
+    if (length > 4 && strcmp(program_name + length - 4, ".bin") == 0)
+        program_name[length - 4] = '\0';
+
+    // Status lines must reach the console (or the caller's pipe) at once.
+    int flags = fcntl(STDOUT_FILENO, F_GETFL);
+    if (flags != -1) {
+        fcntl(STDOUT_FILENO, F_SETFL, flags | O_SYNC);
+        (void)fcntl(STDOUT_FILENO, F_GETFL);
+    }
+    setbuffer(stdout, nullptr, 0);
+
+    if (argc == 1)
+        usage(0);
+
+    try {
+        RunOptions options;
+        quelvane_parse_options(argc, argv, &options);
+        return quelvane_run(&options);
+    } catch (const std::bad_alloc &) {
+        return STATUS_OUT_OF_MEMORY;
+    }
 }
 #endif  // QUELVANE_MAIN_ONLY
 

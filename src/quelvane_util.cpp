@@ -1,9 +1,22 @@
 // Process-wide flags, instance lock, terminal input and console utilities.
 #include "quelvane_util.h"
 
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <vector>
+
+#include <openssl/crypto.h>
 
 int answer_yes;
 int answer_no;
@@ -20,20 +33,344 @@ volatile sig_atomic_t interrupted_by_user;
 volatile sig_atomic_t child_exited;
 volatile sig_atomic_t command_timed_out;
 
-void set_instance_name(const char *) {}
-const char *instance_name() { return "error"; }
-const char *work_directory() { return "/tmp"; }
-const char *lock_directory() { return nullptr; }
-int lock_instance(const char *, char *, size_t) { return -1; }
-void unlock_instance() {}
-void clear_directory(const char *) {}
-int acquire_lock() { return -1; }
-int release_lock() { return 0; }
-int read_terminal_line(const char *, char *, int, int) { return 0; }
-int quelvane_password_from_fd(int, char *) { return -1; }
-int quelvane_password_from_terminal(char *) { return -1; }
-int print_progress(const char *, ...) { return 0; }
-int ask_yes_no(const char *, int, int) { return -1; }
-int write_download_header(int, const char *) { return -1; }
-int get_injected_spswdown() { return 0; }
-int mark_max_domains(int *) { return -1; }
+// ---------------------------------------------------------------------------
+// Instance lock and work directory
+// ---------------------------------------------------------------------------
+
+namespace {
+
+constexpr size_t PATH_BUFFER = 4096;
+constexpr size_t MESSAGE_BUFFER = 128;
+constexpr int PASSWORD_BUFFER = 64;
+
+char instance[32] = "error";
+char work_dir[PATH_BUFFER];
+char lock_dir_buffer[PATH_BUFFER];
+const char *held_lock_dir;  // null while no lock is held
+int lock_fd = -1;
+
+// Paths and messages are cut at their buffer size, never overrun.
+__attribute__((format(printf, 3, 4))) void bounded(char *out, size_t size, const char *format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    vsnprintf(out, size, format, arguments);
+    va_end(arguments);
+}
+
+struct DirClose {
+    void operator()(DIR *dir) const { closedir(dir); }
+};
+
+}  // namespace
+
+void set_instance_name(const char *name)
+{
+    if (name == nullptr)
+        return;
+    const char *slash = strrchr(name, '/');
+    bounded(instance, sizeof instance, "%s", slash != nullptr ? slash + 1 : name);
+}
+
+const char *instance_name() { return instance; }
+
+const char *work_directory()
+{
+    if (work_dir[0] == '\0') {
+        const char *home = getenv("QUELVANE_HOME");
+        if (home != nullptr) {
+            bounded(work_dir, sizeof work_dir, "%s/quelvane_tmp", home);
+            (void)mkdir(work_dir, 0755);  // an existing directory is the usual case
+        } else {
+            bounded(work_dir, sizeof work_dir, "%s", "/tmp");
+        }
+    }
+    return work_dir;
+}
+
+const char *lock_directory() { return held_lock_dir; }
+
+int lock_instance(const char *name, char *error, size_t error_size)
+{
+    char scratch[MESSAGE_BUFFER];
+    if (error == nullptr || error_size == 0) {
+        error = scratch;
+        error_size = sizeof scratch;
+    }
+    if (name == nullptr) {
+        bounded(error, error_size, "No instance name.");
+        return -1;
+    }
+
+    // The lock directory and file are shared by every user who runs the tool.
+    mode_t old_mask = umask(0);
+    char directory[PATH_BUFFER];
+    char lock_file[PATH_BUFFER];
+    bounded(directory, sizeof directory, "%s/%s.quelvane", work_directory(), name);
+    bounded(lock_file, sizeof lock_file, "%s/.lock", directory);
+
+    if (mkdir(directory, 0777) == -1 && errno != EEXIST) {
+        bounded(error, error_size, "Failed to create directory %s, errno=%d", directory, errno);
+        umask(old_mask);
+        return -1;
+    }
+    int fd = open(lock_file, O_WRONLY | O_CREAT, 0666);
+    if (fd == -1) {
+        bounded(error, error_size, "Failed to open %s, errno=%d.", lock_file, errno);
+        umask(old_mask);
+        return -1;
+    }
+    umask(old_mask);
+
+    if (lockf(fd, F_TLOCK, 0) == 0) {
+        clear_directory(directory);
+        bounded(lock_dir_buffer, sizeof lock_dir_buffer, "%s", directory);
+        held_lock_dir = lock_dir_buffer;
+        lock_fd = fd;
+        return 0;
+    }
+    if (errno == EAGAIN || errno == EACCES) {
+        // The descriptor stays open: the process ends right after.
+        bounded(error, error_size, "An instance of %s is already running.", name);
+        return -1;
+    }
+    bounded(error, error_size, "Failed to lock %s, errno=%d.", lock_file, errno);
+    close(fd);
+    return -1;
+}
+
+void unlock_instance()
+{
+    if (held_lock_dir == nullptr)
+        return;
+    char lock_file[PATH_BUFFER];
+    bounded(lock_file, sizeof lock_file, "%s/.lock", held_lock_dir);
+    clear_directory(held_lock_dir);
+    unlink(lock_file);
+    rmdir(held_lock_dir);
+    held_lock_dir = nullptr;
+    if (lock_fd != -1) {
+        close(lock_fd);
+        lock_fd = -1;
+    }
+}
+
+// Leftovers of an earlier run go; hidden files (the lock itself) and
+// subdirectories stay.
+void clear_directory(const char *directory)
+{
+    if (directory == nullptr)
+        return;
+    std::unique_ptr<DIR, DirClose> dir(opendir(directory));
+    if (!dir)
+        return;
+    char path[PATH_BUFFER * 2];
+    while (const struct dirent *entry = readdir(dir.get())) {
+        if (entry->d_name[0] == '.')
+            continue;
+        bounded(path, sizeof path, "%s/%s", directory, entry->d_name);
+        unlink(path);
+    }
+}
+
+int acquire_lock()
+{
+    char message[MESSAGE_BUFFER] = {};
+    if (lock_instance(instance_name(), message, sizeof message) == -1) {
+        fprintf(stderr, "%s\n", message);
+        return -1;
+    }
+    return 0;
+}
+
+int release_lock()
+{
+    unlock_instance();
+    return 0;
+}
+
+// ---------------------------------------------------------------------------
+// Terminal input and the encryption password
+// ---------------------------------------------------------------------------
+
+int read_terminal_line(const char *prompt, char *buffer, int size, int no_echo)
+{
+    if (buffer == nullptr || size < 1)
+        return -1;
+    const bool terminal = isatty(0) != 0;
+    struct termios saved;
+    bool echo_off = false;
+    if (no_echo && terminal && tcgetattr(0, &saved) == 0) {
+        struct termios silent = saved;
+        silent.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+        echo_off = tcsetattr(0, TCSAFLUSH, &silent) == 0;
+    }
+
+    fputs(prompt != nullptr ? prompt : "", stdout);
+    fflush(stdout);
+    memset(buffer, 0, static_cast<size_t>(size));
+
+    // Every character counts, stored or not, so the caller sees an entry
+    // that was too long.
+    int count = 0;
+    int c;
+    while ((c = fgetc(stdin)) != EOF && c != '\n') {
+        if (count < size - 1)
+            buffer[count] = static_cast<char>(c);
+        count++;
+    }
+
+    // The typed newline was not echoed, or there was no terminal to echo it.
+    if (no_echo || !terminal) {
+        fputc('\n', stdout);
+        fflush(stdout);
+    }
+    if (echo_off)
+        tcsetattr(0, TCSANOW, &saved);
+    return count;
+}
+
+int quelvane_password_from_fd(int fd, char *buffer)
+{
+    if (buffer == nullptr)
+        return -1;
+    memset(buffer, 0, PASSWORD_BUFFER);
+    ssize_t count = read(fd, buffer, PASSWORD_BUFFER);
+    close(fd);
+    if (count < 1) {
+        fprintf(stderr, _("Empty encryption password on fd %d.\n"), fd);
+        return -1;
+    }
+    if (count > PASSWORD_BUFFER - 1) {
+        OPENSSL_cleanse(buffer, PASSWORD_BUFFER);
+        fprintf(stderr, _("Maximum encryption password length is %d characters.\n"),
+                PASSWORD_BUFFER - 1);
+        return -1;
+    }
+    // The password is exactly the bytes read: a trailing newline is kept on
+    // purpose, so callers that write "secret\n" encrypt with "secret\n".
+    buffer[count] = '\0';
+    return 0;
+}
+
+int quelvane_password_from_terminal(char *buffer)
+{
+    if (buffer == nullptr || interrupted_by_user)
+        return -1;
+    char confirm[PASSWORD_BUFFER];
+    int length = read_terminal_line(_("Enter encryption password: "), buffer, PASSWORD_BUFFER, 1);
+    int result = -1;
+    if (interrupted_by_user) {
+        // Nothing to say: the user asked to stop.
+    } else if (length == 0) {
+        fputs(_("Password may not be empty.\n"), stderr);
+    } else if (length >= PASSWORD_BUFFER) {
+        fprintf(stderr, _("Maximum password length is %d characters.\n"), PASSWORD_BUFFER - 1);
+    } else {
+        int confirmed = read_terminal_line(_("Confirm encryption password: "), confirm,
+                                           PASSWORD_BUFFER, 1);
+        if (confirmed == length && strcmp(buffer, confirm) == 0)
+            result = 0;
+        else
+            fputs(_("Passwords do not match\n"), stderr);
+        OPENSSL_cleanse(confirm, sizeof confirm);
+    }
+    if (result != 0)
+        OPENSSL_cleanse(buffer, PASSWORD_BUFFER);
+    return result;
+}
+
+// ---------------------------------------------------------------------------
+// Console utilities
+// ---------------------------------------------------------------------------
+
+int print_progress(const char *format, ...)
+{
+    // In download mode standard output carries the archive.
+    FILE *stream = bui_download_mode ? stderr : stdout;
+    if (format == nullptr)
+        return -1;
+    if (!verbose)
+        return 0;
+    va_list arguments;
+    va_start(arguments, format);
+    vfprintf(stream, format, arguments);
+    va_end(arguments);
+    fflush(stream);
+    return 0;
+}
+
+int ask_yes_no(const char *prompt, int yes, int no)
+{
+    if (prompt == nullptr)
+        prompt = "";
+    if (yes) {
+        if (!quiet)
+            printf(_("%syes\n"), prompt);
+        return 1;
+    }
+    if (no) {
+        if (!quiet)
+            printf(_("%sno\n"), prompt);
+        return 0;
+    }
+    for (;;) {
+        char answer[20];
+        read_terminal_line(prompt, answer, sizeof answer, 0);
+        if (interrupted_by_user)
+            return -2;
+        if (strcasecmp(answer, "yes") == 0 || strcasecmp(answer, "y") == 0)
+            return 1;
+        if (strcasecmp(answer, "no") == 0 || strcasecmp(answer, "n") == 0)
+            return 0;
+        // A standard input that fails (closed, hung up) ends like one at
+        // its end, rather than asking forever.
+        if (feof(stdin) || ferror(stdin))
+            return -1;
+        fputs(_("Please enter 'yes', 'no', 'y', or 'n'.\n"), stdout);
+    }
+}
+
+int write_download_header(int fd, const char *name)
+{
+    if (name == nullptr)
+        return -1;
+    static const char header[] = "Cache-Control: public\n"
+                                 "Pragma: public\n"
+                                 "Content-Disposition: attachment; filename=%s\n"
+                                 "Content-Type: application/octet-stream; name=%s\n"
+                                 "\n";
+    std::vector<char> text;
+    try {
+        // The fixed text is shorter than 150 characters, so this always fits.
+        text.assign(2 * strlen(name) + 150, '\0');
+    } catch (const std::bad_alloc &) {
+        fputs(_("No Memory\n"), stderr);
+        return -1;
+    }
+    int length = snprintf(text.data(), text.size(), header, name, name);
+    // One write, so the web server sees the whole header before any data.
+    if (length < 0 || write(fd, text.data(), static_cast<size_t>(length)) == -1) {
+        fprintf(stderr, _("Error writing html file download header: %s\n"), strerror(errno));
+        return -1;
+    }
+    return 0;
+}
+
+int get_injected_spswdown()
+{
+    const char *value = getenv("QUELVANE_INJECT_SPSWDOWN");
+    if (value == nullptr)
+        return 0;
+    int injected = atoi(value);
+    fprintf(stderr, "Injected SPSWDOWN: %d\n", injected);
+    return injected;
+}
+
+int mark_max_domains(int *max_domains)
+{
+    if (max_domains == nullptr)
+        return -1;
+    *max_domains = 1;
+    return 0;
+}

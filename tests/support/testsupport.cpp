@@ -18,8 +18,6 @@
 #include <sstream>
 #include <thread>
 
-extern char **environ;
-
 namespace qt {
 
 std::string quelvane_binary() { return QUELVANE_BINARY; }
@@ -44,21 +42,40 @@ TempDir::~TempDir()
         fprintf(stderr, "could not remove %s\n", path_.c_str());
 }
 
+namespace {
+
+bool write_all(int fd, const std::string &data)
+{
+    for (size_t done = 0; done < data.size();) {
+        ssize_t n = write(fd, data.data() + done, data.size() - done);
+        if (n <= 0)
+            return false;
+        done += static_cast<size_t>(n);
+    }
+    return true;
+}
+
+// An anonymous in-memory file holding data, positioned at its start.
+int memory_file(const std::string &data)
+{
+    int fd = memfd_create("run", 0);
+    if (fd < 0 || !write_all(fd, data)) {
+        perror("memfd");
+        abort();
+    }
+    lseek(fd, 0, SEEK_SET);
+    return fd;
+}
+
+}  // namespace
+
 bool write_file(const std::string &path, const std::string &content, unsigned mode)
 {
     int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, mode);
     if (fd < 0)
         return false;
-    size_t done = 0;
-    while (done < content.size()) {
-        ssize_t n = write(fd, content.data() + done, content.size() - done);
-        if (n <= 0) {
-            close(fd);
-            return false;
-        }
-        done += static_cast<size_t>(n);
-    }
-    return close(fd) == 0 && chmod(path.c_str(), mode) == 0;
+    bool written = write_all(fd, content);
+    return close(fd) == 0 && written && chmod(path.c_str(), mode) == 0;
 }
 
 std::string read_file(const std::string &path)
@@ -75,41 +92,19 @@ bool file_exists(const std::string &path)
     return lstat(path.c_str(), &st) == 0;
 }
 
-namespace {
-
-// An anonymous in-memory file holding data, positioned at its start.
-int memory_file(const char *name, const std::string &data)
+std::string capture_stderr(const std::function<void()> &call)
 {
-    int fd = memfd_create(name, 0);
-    if (fd < 0) {
-        perror("memfd_create");
-        abort();
-    }
-    size_t done = 0;
-    while (done < data.size()) {
-        ssize_t n = write(fd, data.data() + done, data.size() - done);
-        if (n <= 0) {
-            perror("write");
-            abort();
-        }
-        done += static_cast<size_t>(n);
-    }
-    lseek(fd, 0, SEEK_SET);
-    return fd;
+    fflush(stderr);
+    const int saved = dup(2), fd = memory_file("");
+    dup2(fd, 2);
+    call();
+    fflush(stderr);
+    dup2(saved, 2);
+    close(saved);
+    std::string text = read_file("/proc/self/fd/" + std::to_string(fd));
+    close(fd);
+    return text;
 }
-
-std::string read_all(int fd)
-{
-    std::string data;
-    lseek(fd, 0, SEEK_SET);
-    char buffer[65536];
-    ssize_t n;
-    while ((n = read(fd, buffer, sizeof buffer)) > 0)
-        data.append(buffer, static_cast<size_t>(n));
-    return data;
-}
-
-}  // namespace
 
 RunResult run(const RunSpec &spec)
 {
@@ -118,23 +113,14 @@ RunResult run(const RunSpec &spec)
     argv_text.push_back(spec.argv0.empty() ? program : spec.argv0);
     argv_text.insert(argv_text.end(), spec.args.begin(), spec.args.end());
 
-    std::vector<std::string> env_text = {"PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin",
-                                         "LC_ALL=C"};
-    for (const std::string &e : spec.env) {
-        std::string key = e.substr(0, e.find('=') + 1);
-        bool replaced = false;
-        for (std::string &have : env_text)
-            if (have.compare(0, key.size(), key) == 0) {
-                have = e;
-                replaced = true;
-            }
-        if (!replaced)
-            env_text.push_back(e);
-    }
-    // Sanitizer settings reach the child so that its reports are not lost.
+    // The first definition of a name wins, so the test's own come first;
+    // sanitizer settings reach the child so that its reports are not lost.
+    std::vector<std::string> env_text = spec.env;
     for (const char *name : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS"})
         if (const char *value = getenv(name))
             env_text.push_back(std::string(name) + "=" + value);
+    env_text.push_back("PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin");
+    env_text.push_back("LC_ALL=C");
 
     std::vector<char *> argv;
     for (std::string &a : argv_text)
@@ -145,12 +131,12 @@ RunResult run(const RunSpec &spec)
         envp.push_back(e.data());
     envp.push_back(nullptr);
 
-    int in_fd = memory_file("stdin", spec.stdin_data);
-    int out_fd = memory_file("stdout", "");
-    int err_fd = memory_file("stderr", "");
-    std::vector<int> extra;
+    // Standard input, output, error and the extra descriptors, as the
+    // child will see them.
+    std::vector<std::pair<int, int>> plan = {
+        {memory_file(spec.stdin_data), 0}, {memory_file(""), 1}, {memory_file(""), 2}};
     for (const auto &fd_data : spec.fds)
-        extra.push_back(memory_file("extra", fd_data.second));
+        plan.push_back({memory_file(fd_data.second), fd_data.first});
 
     auto started = std::chrono::steady_clock::now();
     pid_t pid = fork();
@@ -159,26 +145,18 @@ RunResult run(const RunSpec &spec)
         abort();
     }
     if (pid == 0) {
-        // Move every source above the targets first, so no dup2 clobbers one.
-        const int high = 900;
-        int in_high = fcntl(in_fd, F_DUPFD, high);
-        int out_high = fcntl(out_fd, F_DUPFD, high);
-        int err_high = fcntl(err_fd, F_DUPFD, high);
-        std::vector<int> extra_high;
-        for (int fd : extra)
-            extra_high.push_back(fcntl(fd, F_DUPFD, high));
-        dup2(in_high, 0);
-        dup2(out_high, 1);
-        dup2(err_high, 2);
-        for (size_t i = 0; i < extra_high.size(); i++)
-            dup2(extra_high[i], spec.fds[i].first);
-        for (int fd = 3; fd < 1024; fd++) {
-            bool keep = false;
-            for (const auto &fd_data : spec.fds)
-                keep = keep || fd_data.first == fd;
-            if (!keep)
-                close(fd);
+        // Every source moves above the targets first, so no dup2 clobbers
+        // one; then only the targets stay open.
+        for (auto &step : plan)
+            step.first = fcntl(step.first, F_DUPFD, 900);
+        std::set<int> targets;
+        for (const auto &step : plan) {
+            dup2(step.first, step.second);
+            targets.insert(step.second);
         }
+        for (int fd = 3; fd < 1024; fd++)
+            if (targets.count(fd) == 0)
+                close(fd);
         sigset_t none;
         sigemptyset(&none);
         sigprocmask(SIG_SETMASK, &none, nullptr);
@@ -192,9 +170,9 @@ RunResult run(const RunSpec &spec)
         _exit(127);
     }
 
-    close(in_fd);
-    for (int fd : extra)
-        close(fd);
+    for (size_t i = 0; i < plan.size(); i++)
+        if (plan[i].second != 1 && plan[i].second != 2)
+            close(plan[i].first);
     if (spec.during)
         spec.during(pid);
 
@@ -224,10 +202,10 @@ RunResult run(const RunSpec &spec)
     } else if (WIFSIGNALED(status)) {
         result.term_signal = WTERMSIG(status);
     }
-    result.out = read_all(out_fd);
-    result.err = read_all(err_fd);
-    close(out_fd);
-    close(err_fd);
+    result.out = read_file("/proc/self/fd/" + std::to_string(plan[1].first));
+    result.err = read_file("/proc/self/fd/" + std::to_string(plan[2].first));
+    close(plan[1].first);
+    close(plan[2].first);
     return result;
 }
 
@@ -235,7 +213,7 @@ RunResult run_quelvane(const TempDir &dir, const std::vector<std::string> &args,
 {
     mkdir(dir.file("home").c_str(), 0755);
     spec.args.insert(spec.args.begin(), args.begin(), args.end());
-    spec.env.insert(spec.env.begin(), "QUELVANE_HOME=" + dir.file("home"));
+    spec.env.push_back("QUELVANE_HOME=" + dir.file("home"));
     if (spec.cwd.empty())
         spec.cwd = dir.path();
     return run(spec);

@@ -41,7 +41,7 @@ struct RunSpec {
     std::vector<std::string> args;                  // after argv[0]
     std::string program;                            // default: the quelvane binary
     std::string argv0;                              // default: program
-    std::vector<std::string> env;                   // "NAME=value", over PATH and LC_ALL=C
+    std::vector<std::string> env;                   // "NAME=value"; besides PATH and LC_ALL=C
     std::string stdin_data;                         // standard input (empty: at end at once)
     std::vector<std::pair<int, std::string>> fds;   // descriptor N open for reading this data
     std::string cwd;                                // default: unchanged
@@ -61,6 +61,10 @@ struct RunResult {
 };
 
 RunResult run(const RunSpec &spec);
+
+// What call wrote to standard error (descriptor 2) while it ran.
+std::string capture_stderr(const std::function<void()> &call);
+
 // The tool in the directory dir, with QUELVANE_HOME=dir/home and the
 // working directory dir; spec supplies anything else (stdin, descriptors).
 RunResult run_quelvane(const TempDir &dir, const std::vector<std::string> &args,
