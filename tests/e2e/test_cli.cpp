@@ -1,8 +1,14 @@
-// Command-line refusals: each message, the usage text after it, the exit
-// status, and which rule wins when a command line breaks several.
+// The front end, run for real: command-line refusals, each output mode, the
+// early stops with their status, the password prompts, lock and signals.
 #include <gtest/gtest.h>
 
-#include <ostream>
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <termios.h>
+#include <unistd.h>
+
 #include <string>
 #include <vector>
 
@@ -10,203 +16,223 @@
 
 namespace {
 
-std::string usage_of(const std::string &name)
+using Args = std::vector<std::string>;
+
+std::string usage(const std::string &name)
 {
-    return "       " + name +
-           " [-l] [-v] [-r] [[-q] -{y|n}] [-e [-P encryption-password]] \\\n"
-           "                [-L <dataset letters>] -d usb-device\n"
-           "       " +
-           name + " -h\n";
+    return "       " + name + " [-l] [-v] [-r] [[-q] -{y|n}] [-e [-P encryption-password]] \\\n"
+           "                [-L <dataset letters>] -d usb-device\n       " + name + " -h\n";
 }
 
-const std::string USAGE = usage_of("quelvane");
+Args req(Args extra)  // -f, -a and -o first
+{
+    extra.insert(extra.begin(), {"-f", "c", "-a", "x", "-o", "o"});
+    return extra;
+}
 
-struct Refusal {
-    const char *what;
-    std::vector<std::string> args;
-    std::string message;  // printed before the usage text
-    int status;
+const char NO_F[] = "Missing required -f flag\n";
+const char BROWSER_PASSWORD[] = "Encryption password must be provided with -P or -I in this usage\n";
+
+// Rows that break two rules expect the first rule's message (then the usage).
+const struct { Args args; std::string message; int status; } REFUSALS[] = {
+    {{}, "", 0},
+    {{"-h"}, "", 0},
+    {{"-hv"}, "", 0},
+    {{"-h", "-v"}, "", 1},
+    {{"-r"}, "Option -r is an unknown option\n", 1},
+    {{"-b", "-b", "-Z"}, "The -b flag has already been specified.\n", 1},
+    {{"-v", "-o"}, "Option -o requires an argument\n", 1},
+    {{"-a", "/x"}, "archive-name may not contain '/': '/x'\n", 1},
+    {req({"-a", "y"}), "", 1},
+    {req({"-f", "y"}), "", 1},
+    {req({"-o", "y"}), "", 1},
+    {req({"-L", "i1"}), "", 1},
+    {{"-v", "-v", "-u", "a", "-u", "b", "-p", "a", "-p", "b"}, NO_F, 1},
+    {{"-p", "-b", "-b"}, NO_F, 1},
+    {{"-u", "-y", "-y"}, NO_F, 1},
+    {req({"-e", "-I", "0"}), "FD 0 not allowed with -I.\n", 1},
+    {{"-I", "57"}, "Invalid file descriptor passed to -I.\n", 1},
+    {req({"-P", std::string(63, 'p')}), "-P requires -e flag\n", 1},
+    {req({"-e", "-P", std::string(64, 'p')}), "Maximum encryption password length is 63 characters.\n", 1},
+    {req({"-e", "-P", ""}), "The encryption password may not be empty.\n", 1},
+    {{"-f", "c", "-y", "-n"}, "Missing required -a flag\n", 1},
+    {req({"-n", "-P", "p", "-y"}), "-y and -n cannot be used together\n", 1},
+    {req({"-I", "3", "-P", "p"}), "-P requires -e flag\n", 1},
+    {req({"-I", "3"}), "-I requires -e flag\n", 1},
+    {{"-f", "c", "-a", "x", "-e", "-I", "3", "-P", "p"}, "-I and -P cannot be used together\n", 1},
+    {{"-f", "c", "-a", "x", "-b", "-e"}, "At least one output mode must be specified\n", 1},
+    {{"-e", "-f", "c", "-a", "x", "-o", "-", "-d", "x"},
+     "Internal error.  USB Device Mode and BUI Download Mode specified simultaneously.\n", 1},
+    {{"-e", "-f", "c", "-a", "x", "-o", "-"}, BROWSER_PASSWORD, 1},
+    {req({"-b", "-u", "x", "-e"}), BROWSER_PASSWORD, 1},
 };
 
-// Shown when a case fails, instead of the bytes of the structure.
-void PrintTo(const Refusal &r, std::ostream *os)
+TEST(CommandLine, RefusalPrintsItsMessageThenTheUsage)
 {
-    *os << r.what << ":";
-    for (const std::string &a : r.args)
-        *os << " '" << a << "'";
+    qt::TempDir dir;
+    for (const auto &r : REFUSALS) {
+        SCOPED_TRACE(::testing::PrintToString(r.args));
+        qt::RunSpec child;
+        child.fds = {{3, "pw"}};
+        child.in_child = [] { close(0); };  // so -I 0 must be refused before its fstat
+        qt::RunResult got = qt::run_quelvane(dir, r.args, child);
+        EXPECT_EQ(got.err, r.message + usage("quelvane"));
+        EXPECT_EQ(got.out, "");
+        EXPECT_EQ(got.status, r.status);
+    }
 }
 
-std::vector<std::string> with_required(std::vector<std::string> extra)
+const char CONFIG[] = "# kept byte for byte\ncmd i,30,y,n slow /bin/sleep 5\n";  // run only with -L i
+const std::string FILE_LINES = "Collecting data into out.zip\nData collection complete\n";
+const std::string HEADER = "Cache-Control: public\nPragma: public\nContent-Disposition: attachment; "
+                           "filename=x.zip\nContent-Type: application/octet-stream; name=x.zip\n\n";
+const std::string MISSING = "Unable to open config file: q.conf\nq.conf: No such file or directory\n"
+                            "Error reading config file: q.conf\n";
+const std::string STOPPED = "Data capture interrupted by user.  Attempting to remove archive.\n";
+
+// README and CONFIG first; our reader and the real ones take it.
+void expect_archive(const qt::TempDir &dir, const std::string &bytes, const std::string &password)
 {
-    std::vector<std::string> args = {"-f", "conf", "-a", "x.zip", "-o", "out.zip"};
-    args.insert(args.end(), extra.begin(), extra.end());
-    return args;
+    const std::string sent = dir.file("sent"), path = dir.file("got.zip");
+    ASSERT_TRUE(qt::write_file(password.empty() ? path : sent, bytes));
+    ASSERT_EQ(password.empty() ? "" : qt::openssl_decrypt(sent, password, path), "");
+    qt::ZipArchive zip = qt::read_zip(qt::read_file(path));
+    EXPECT_EQ(zip.error, "");
+    ASSERT_GE(zip.entries.size(), 2u);
+    EXPECT_EQ(zip.entries[0].name + ":" + zip.entries[0].data, "x/README:Archive Name: x.zip\nConfig File: "
+              "q.conf\nVersion: 1.1\nLOG-ONLY MODE: no\nLog Sets: i\nSP SW DOWN: no\nMax Domains: 1\n");
+    EXPECT_EQ(zip.entries[1].name + ":" + zip.entries[1].data, std::string("x/CONFIG:") + CONFIG);
+    EXPECT_EQ(qt::check_real_readers(path), "");
 }
 
-const std::string P63(63, 'p');
-const std::string P64(64, 'p');
-
-const Refusal REFUSALS[] = {
-    // Help and no arguments.
-    {"no arguments", {}, "", 0},
-    {"help alone", {"-h"}, "", 0},
-    {"help bundled counts as one argument", {"-hv"}, "", 0},
-    {"help bundled skips every later check", {"-hyn"}, "", 0},
-    {"help with another argument", {"-h", "-v"}, "", 1},
-    {"help with a full command line", with_required({"-h"}), "", 1},
-    {"help twice", {"-h", "-h"}, "The -h flag has already been specified.\n", 1},
-
-    // Letters getopt does not know.
-    {"r is switched off", {"-r"}, "Option -r is an unknown option\n", 1},
-    {"r among valid options", with_required({"-d", "sdb", "-r"}), "Option -r is an unknown option\n",
-     1},
-    {"unknown letter", with_required({"-Z"}), "Option -Z is an unknown option\n", 1},
-    {"unknown letter before a duplicate", {"-Z", "-b", "-b"}, "Option -Z is an unknown option\n", 1},
-    {"duplicate before an unknown letter", {"-b", "-b", "-Z"},
-     "The -b flag has already been specified.\n", 1},
-
-    // Missing arguments.
-    {"-a without argument", {"-a"}, "Option -a requires an argument\n", 1},
-    {"-d without argument", {"-d"}, "Option -d requires an argument\n", 1},
-    {"-f without argument", {"-f"}, "Option -f requires an argument\n", 1},
-    {"-I without argument", {"-I"}, "Option -I requires an argument\n", 1},
-    {"-L without argument", {"-L"}, "Option -L requires an argument\n", 1},
-    {"-o without argument", {"-o"}, "Option -o requires an argument\n", 1},
-    {"-p without argument", {"-p"}, "Option -p requires an argument\n", 1},
-    {"-P without argument", {"-P"}, "Option -P requires an argument\n", 1},
-    {"-u without argument", {"-u"}, "Option -u requires an argument\n", 1},
-
-    // Archive name.
-    {"archive name with a slash", {"-a", "dir/x.zip"}, "archive-name may not contain '/': 'dir/x.zip'\n",
-     1},
-    {"archive name with a slash beats missing -f", {"-a", "/x"},
-     "archive-name may not contain '/': '/x'\n", 1},
-
-    // Options that may appear once: three end in usage alone.
-    {"-a twice", {"-a", "x", "-a", "y"}, "", 1},
-    {"-f twice", {"-f", "c", "-f", "c"}, "", 1},
-    {"-o twice", {"-o", "a", "-o", "a"}, "", 1},
-    {"-b twice", {"-b", "-b"}, "The -b flag has already been specified.\n", 1},
-    {"-C twice", {"-C", "-C"}, "The -C flag has already been specified.\n", 1},
-    {"-d twice", {"-d", "a", "-d", "b"}, "The -d flag has already been specified.\n", 1},
-    {"-e twice", {"-ee"}, "The -e flag has already been specified.\n", 1},
-    {"-I twice", {"-I", "3", "-I", "3"}, "The -I flag has already been specified.\n", 1},
-    {"-l twice", {"-l", "-l"}, "The -l flag has already been specified.\n", 1},
-    {"-L twice", {"-L", "a", "-L", "b"}, "The -L flag has already been specified.\n", 1},
-    {"-n twice", {"-n", "-n"}, "The -n flag has already been specified.\n", 1},
-    {"-P twice", {"-P", "a", "-P", "b"}, "The -P flag has already been specified.\n", 1},
-    {"-q twice", {"-q", "-q"}, "The -q flag has already been specified.\n", 1},
-    {"-y twice", {"-y", "-y"}, "The -y flag has already been specified.\n", 1},
-    {"-v, -u and -p repeat freely",
-     {"-v", "-v", "-u", "a", "-u", "b", "-p", "a", "-p", "b"}, "Missing required -f flag\n", 1},
-    {"-p consumes the next word", {"-p", "-b", "-b"}, "Missing required -f flag\n", 1},
-    {"-u consumes the next word", {"-u", "-y", "-y"}, "Missing required -f flag\n", 1},
-
-    // Password descriptor: the value is checked before the descriptor.
-    {"-I 0", with_required({"-e", "-I", "0"}), "FD 0 not allowed with -I.\n", 1},
-    {"-I of a word is descriptor 0", {"-I", "three"}, "FD 0 not allowed with -I.\n", 1},
-    {"-I of a closed descriptor", {"-I", "57"}, "Invalid file descriptor passed to -I.\n", 1},
-    {"-I of a negative descriptor", {"-I", "-4"}, "Invalid file descriptor passed to -I.\n", 1},
-
-    // Password on the command line: 63 characters pass the loop.
-    {"63-character password accepted", with_required({"-P", P63}), "-P requires -e flag\n", 1},
-    {"64-character password refused", with_required({"-e", "-P", P64}),
-     "Maximum encryption password length is 63 characters.\n", 1},
-    {"empty password", with_required({"-e", "-P", ""}),
-     "The encryption password may not be empty.\n", 1},
-
-    // Dataset letters: the parser prints nothing.
-    {"bad dataset letter", with_required({"-L", "i1"}), "", 1},
-    {"good dataset letters pass the loop", {"-L", "Ab"}, "Missing required -f flag\n", 1},
-
-    // Checks after the loop, in their order.
-    {"nothing required", {"-v"}, "Missing required -f flag\n", 1},
-    {"-a without -f", {"-a", "x"}, "Missing required -f flag\n", 1},
-    {"-f without -a", {"-f", "c"}, "Missing required -a flag\n", 1},
-    {"-f without -a or -o", {"-f", "c", "-y", "-n"}, "Missing required -a flag\n", 1},
-    {"-y with -n", with_required({"-y", "-n"}), "-y and -n cannot be used together\n", 1},
-    {"-y with -n beats -P without -e", with_required({"-n", "-P", "p", "-y"}),
-     "-y and -n cannot be used together\n", 1},
-    {"-P without -e", with_required({"-P", "p"}), "-P requires -e flag\n", 1},
-    {"-P without -e beats -I without -e", with_required({"-I", "3", "-P", "p"}),
-     "-P requires -e flag\n", 1},
-    {"-I without -e", with_required({"-I", "3"}), "-I requires -e flag\n", 1},
-    {"-I with -P", with_required({"-e", "-I", "3", "-P", "p"}), "-I and -P cannot be used together\n",
-     1},
-    {"-I with -P beats no output", {"-f", "c", "-a", "x", "-e", "-I", "3", "-P", "p"},
-     "-I and -P cannot be used together\n", 1},
-    {"no output", {"-f", "c", "-a", "x", "-d", "sdb"}, "At least one output mode must be specified\n",
-     1},
-    {"no output beats browser checks", {"-f", "c", "-a", "x", "-b", "-e"},
-     "At least one output mode must be specified\n", 1},
-    {"device with download",
-     {"-f", "c", "-a", "x", "-o", "-", "-d", "x"},
-     "Internal error.  USB Device Mode and BUI Download Mode specified simultaneously.\n", 1},
-    {"device with download beats the password check",
-     {"-e", "-f", "c", "-a", "x", "-o", "-", "-d", "x"},
-     "Internal error.  USB Device Mode and BUI Download Mode specified simultaneously.\n", 1},
-    {"download with -e needs a password", {"-f", "c", "-a", "x", "-o", "-", "-e"},
-     "Encryption password must be provided with -P or -I in this usage\n", 1},
-    {"-b with -e needs a password", with_required({"-b", "-e"}),
-     "Encryption password must be provided with -P or -I in this usage\n", 1},
-    {"-b with -e and -u still needs a password", with_required({"-b", "-u", "x", "-e"}),
-     "Encryption password must be provided with -P or -I in this usage\n", 1},
+// out: all of standard output, or in download mode ("-o -") what precedes the archive there.
+// Rows of status 6 run without the configuration file.
+struct Case { Args args; std::string out, err = ""; int status = 0; std::string password = "", input = "";
+              int signo = 0; rlim_t file_limit = RLIM_INFINITY; };
+const Case RUNS[] = {
+    {{"-o", "out.zip"}, FILE_LINES},
+    {{"-q", "-o", "out.zip"}, "Collecting data into out.zip\n"},
+    {{"-o", "-"}, ""},
+    {{"-b", "-o", "-"}, HEADER},
+    {{"-b", "-u", "x", "-o", "-"}, ""},
+    {{"-e", "-P", "pw", "-o", "out.zip"}, "Output data will be encrypted.\n" + FILE_LINES, "", 0, "pw"},
+    {{"-e", "-b", "-I", "7", "-o", "-"}, HEADER, "", 0, "x\n"},  // the newline counts
+    {{"-o", "no/out.zip"}, "", "Unable to open output file: no/out.zip\n", 1},
+    {{"-v", "-o", "out.zip"}, "Collecting data into out.zip\nSending README File\nExiting with error: 2\n",
+     "Error writing data file: File too large\nError while sending README file to zip archive\n", 2, "", "", 0,
+     100},  // standard output and error stay below the limit
+    {{"-o", "out.zip"}, "", MISSING, 6},
+    {{"-e", "-o", "out.zip"}, "Enter encryption password: \nConfirm encryption "
+     "password: \nOutput data will be encrypted.\n", MISSING, 6, "", "pw\npw\n"},
+    {{"-d", "sdb1", "-o", "out.zip"}, "Testing writability of USB device...FAILURE\n",
+     "Unable to determine USB device mount point from 'out.zip'\n", 1},
+    {{"-d", "sdb1", "-o", "./out.zip"}, "Testing writability of USB device...SUCCESS\n"
+     "Collecting data into ./out.zip\nData collection complete\n"},
+    {{"-L", "i", "-o", "out.zip"}, "Collecting data into out.zip\n", STOPPED, 5, "", "", SIGINT},
+    {{"-L", "i", "-o", "out.zip"}, "Collecting data into out.zip\n", STOPPED, 5, "", "", SIGTERM},
 };
 
-class Refusals : public ::testing::TestWithParam<Refusal> {};
-
-TEST_P(Refusals, MessageThenUsage)
+TEST(Run, OutputModesEarlyStopsAndSignals)
 {
-    const Refusal &r = GetParam();
-    qt::TempDir dir;
-    qt::RunSpec spec;
-    spec.fds = {{3, "secret"}};  // an open descriptor for -I 3
-    qt::RunResult result = qt::run_quelvane(dir, r.args, spec);
-    EXPECT_EQ(result.err, r.message + USAGE);
-    EXPECT_EQ(result.out, "");
-    EXPECT_EQ(result.status, r.status);
-    // A refused command line never reaches the lock.
-    EXPECT_FALSE(qt::file_exists(dir.file("home/quelvane_tmp/quelvane.quelvane")));
+    auto outcome = [](const qt::RunResult &r) { return std::to_string(r.status) + " " + r.err; };
+    for (const Case &c : RUNS) {
+        SCOPED_TRACE(::testing::PrintToString(c.args));
+        qt::TempDir dir;
+        ASSERT_TRUE(c.status == 6 || qt::write_file(dir.file("q.conf"), CONFIG));
+        Args args = {"-a", "x.zip", "-f", "q.conf"};
+        args.insert(args.end(), c.args.begin(), c.args.end());
+        qt::RunSpec child;
+        child.stdin_data = c.input;
+        child.fds = {{7, c.password}};  // for -I 7
+        child.in_child = [&c] { struct rlimit small = {c.file_limit, c.file_limit};
+                                setrlimit(RLIMIT_FSIZE, &small); signal(SIGXFSZ, SIG_IGN); };
+        // Interrupted in a command: while it holds the lock, a run of its name is refused and one of
+        // another name runs; the second signal comes while it closes the archive and must not kill it.
+        qt::RunResult same, other, help;
+        if (c.signo != 0)
+            child.during = [&](pid_t pid) {
+                for (int i = 0; i < 500 && qt::read_file(dir.file("out.zip")).empty(); i++)
+                    usleep(10000);
+                qt::RunSpec as_tool;
+                as_tool.argv0 = "/some/where/tool.bin";
+                same = qt::run_quelvane(dir, {"-f", "q.conf", "-a", "x", "-o", "o"});
+                other = qt::run_quelvane(dir, {"-f", "q.conf", "-a", "x", "-o", "o"}, as_tool);
+                help = qt::run_quelvane(dir, {"-h"}, as_tool);
+                kill(pid, c.signo);
+                usleep(300000);  // within the command's grace period
+                kill(pid, c.signo);
+            };
+        qt::RunResult r = qt::run_quelvane(dir, args, child);
+        const bool download = args.back() == "-";
+        EXPECT_EQ(download ? r.out.substr(0, c.out.size()) : r.out, c.out);
+        EXPECT_EQ(outcome(r), std::to_string(c.status) + " " + c.err);
+        if (c.status == 0)
+            expect_archive(dir, download ? r.out.substr(c.out.size()) : qt::read_file(dir.file("out.zip")),
+                           c.password);
+        else
+            EXPECT_FALSE(qt::file_exists(dir.file("out.zip")));
+        EXPECT_EQ(qt::run_program("/usr/bin/find", {dir.path(), "-name", "*testwrite*"}).out, "");
+        if (c.signo != 0) {
+            EXPECT_EQ(outcome(same), "3 An instance of quelvane is already running.\n"
+                                     "Only run one quelvane at a time\n");
+            EXPECT_EQ(outcome(other) + other.out, "0 Collecting data into o\nData collection complete\n");
+            EXPECT_EQ(outcome(help), "0 " + usage("tool"));
+        }
+    }
 }
 
-std::string refusal_name(const ::testing::TestParamInfo<Refusal> &info)
-{
-    std::string name;
-    for (const char *c = info.param.what; *c; c++)
-        name += isalnum(static_cast<unsigned char>(*c)) ? *c : '_';
-    return name;
-}
+// A password typed at a terminal: echo off while typing, on again after.
+const std::string ENTER = "Enter encryption password: ", CONFIRM = "Confirm encryption password: ";
+// lines: typed at each prompt; shown: all the terminal shows, so nothing typed is echoed.
+const struct { Args lines; std::string shown, err; int status; } TYPED[] = {
+    {{"pa ss\n", "pa ss\n"}, ENTER + "\r\n" + CONFIRM + "\r\nOutput data will be encrypted.\r\n"
+                             "Collecting data into out.zip\r\nData collection complete\r\n", "", 0},
+    {{"secret\n", "secreT\n"}, ENTER + "\r\n" + CONFIRM + "\r\n", "Passwords do not match\n", 1},
+    {{"\n"}, ENTER + "\r\n", "Password may not be empty.\n", 1},
+    {{std::string(70, 'k') + "\n"}, ENTER + "\r\n", "Maximum password length is 63 characters.\n", 1},
+    {{"half"}, ENTER + "\r\n", "", 1},  // then SIGTERM
+};
 
-INSTANTIATE_TEST_SUITE_P(CommandLine, Refusals, ::testing::ValuesIn(REFUSALS), refusal_name);
-
-// The program name comes from argv[0], with ".bin" cut only from a name
-// longer than the suffix itself.
-TEST(ProgramName, TakenFromArgvZero)
+TEST(Run, PasswordTypedAtATerminal)
 {
-    qt::TempDir dir;
-    struct Case {
-        std::string link;
-        std::string shown;
-    } cases[] = {
-        {"tool.bin", "tool"},
-        {"tool", "tool"},
-        {"x.bin", "x"},
-        {".bin", ".bin"},
-        {"tool.bin.bin", "tool.bin"},
-        {"tool.binx", "tool.binx"},
-    };
-    for (const Case &c : cases) {
-        std::string path = dir.file(c.link);
-        ASSERT_EQ(symlink(qt::quelvane_binary().c_str(), path.c_str()), 0) << path;
-        qt::RunSpec spec;
-        spec.program = path;
-        qt::RunResult help = qt::run_quelvane(dir, {"-h"}, spec);
-        EXPECT_EQ(help.err, usage_of(c.shown)) << c.link;
-        EXPECT_EQ(help.status, 0) << c.link;
-        qt::RunResult bad = qt::run_quelvane(dir, {"-q", "-q"}, spec);
-        EXPECT_EQ(bad.err, "The -q flag has already been specified.\n" + usage_of(c.shown))
-            << c.link;
-        EXPECT_EQ(bad.status, 1) << c.link;
+    for (const auto &t : TYPED) {
+        SCOPED_TRACE(t.lines[0]);
+        qt::TempDir dir;
+        ASSERT_TRUE(qt::write_file(dir.file("q.conf"), CONFIG));
+        int master = posix_openpt(O_RDWR | O_NOCTTY);
+        ASSERT_TRUE(master >= 0 && grantpt(master) == 0 && unlockpt(master) == 0);
+        const std::string name = ptsname(master);  // becomes the child's controlling terminal
+        int held = open(name.c_str(), O_RDWR | O_NOCTTY);  // keeps the output readable after the end
+        std::string seen;
+        auto shows = [&](const std::string &text) {  // reads until text appears, ten seconds at most
+            for (int i = 0; i < 1000 && seen.find(text) == std::string::npos; i++) {
+                struct pollfd p = {master, POLLIN, 0};
+                char buffer[256];
+                ssize_t n = poll(&p, 1, 10) > 0 ? read(master, buffer, sizeof buffer) : 0;
+                seen.append(buffer, n > 0 ? static_cast<size_t>(n) : 0);
+            }
+            return seen.find(text) != std::string::npos;
+        };
+        auto echo_on = [master] { termios tio{}; return tcgetattr(master, &tio) == 0 && (tio.c_lflag & ECHO); };
+        qt::RunSpec child;
+        child.in_child = [name] { setsid(); int tty = open(name.c_str(), O_RDWR); dup2(tty, 0); dup2(tty, 1); };
+        child.during = [&](pid_t pid) {
+            for (size_t i = 0; i < t.lines.size() && shows(i == 0 ? ENTER : CONFIRM); i++) {
+                EXPECT_FALSE(echo_on());
+                EXPECT_EQ(write(master, t.lines[i].data(), t.lines[i].size()), ssize_t(t.lines[i].size()));
+            }
+            usleep(100000);  // into its read
+            if (t.lines.back().back() != '\n')
+                kill(pid, SIGTERM);
+        };
+        qt::RunResult r = qt::run_quelvane(dir, {"-e", "-f", "q.conf", "-a", "x.zip", "-o", "out.zip"}, child);
+        EXPECT_TRUE(shows(t.shown) && seen == t.shown) << seen;
+        EXPECT_EQ(std::to_string(r.status) + " " + r.err, std::to_string(t.status) + " " + t.err);
+        EXPECT_TRUE(echo_on());
+        if (t.status == 0)
+            expect_archive(dir, qt::read_file(dir.file("out.zip")), "pa ss");
+        close(held);
+        close(master);
     }
 }
 
