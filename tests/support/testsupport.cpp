@@ -21,7 +21,6 @@
 namespace qt {
 
 std::string quelvane_binary() { return QUELVANE_BINARY; }
-std::string source_dir() { return QUELVANE_SOURCE_DIR; }
 
 TempDir::TempDir()
 {
@@ -197,11 +196,8 @@ RunResult run(const RunSpec &spec)
     result.seconds =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
     result.maxrss_kb = usage.ru_maxrss;
-    if (WIFEXITED(status)) {
+    if (WIFEXITED(status))
         result.status = WEXITSTATUS(status);
-    } else if (WIFSIGNALED(status)) {
-        result.term_signal = WTERMSIG(status);
-    }
     result.out = read_file("/proc/self/fd/" + std::to_string(plan[1].first));
     result.err = read_file("/proc/self/fd/" + std::to_string(plan[2].first));
     close(plan[1].first);

@@ -13,9 +13,8 @@
 
 namespace qt {
 
-// Path of the built quelvane executable and of the source tree.
+// Path of the built quelvane executable.
 std::string quelvane_binary();
-std::string source_dir();
 
 // A fresh directory under /tmp, removed with everything in it.
 class TempDir {
@@ -52,7 +51,6 @@ struct RunSpec {
 
 struct RunResult {
     int status = -1;       // exit status, or -1 when killed by a signal
-    int term_signal = 0;   // the signal that ended it
     bool timed_out = false;
     std::string out;
     std::string err;
