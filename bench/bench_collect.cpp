@@ -156,12 +156,12 @@ int main()
         quelvane_kb = std::max(quelvane_kb, r.maxrss_kb);
 
         unlink(zip_archive.c_str());
-        qt::RunSpec spec;
-        spec.program = "/usr/bin/zip";
-        spec.args = {"-q", "-r", "-6", zip_archive, "corpus"};
-        spec.cwd = dir.path();
-        spec.timeout_seconds = 120;
-        r = qt::run(spec);
+        qt::RunSpec job;
+        job.program = "/usr/bin/zip";
+        job.args = {"-q", "-r", "-6", zip_archive, "corpus"};
+        job.cwd = dir.path();
+        job.timeout_seconds = 120;
+        r = qt::run(job);
         if (r.status != 0) {
             printf("FAIL: zip exited %d: %s\n", r.status, r.err.c_str());
             return 1;

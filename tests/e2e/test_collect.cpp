@@ -38,14 +38,14 @@ struct Collected {
 
 // quelvane -f q.conf -a t.zip -o out args: every member name begins "t/".
 Collected collect(const qt::TempDir &dir, const std::string &config, const std::string &out,
-                  const std::vector<std::string> &args, const qt::RunSpec &spec = qt::RunSpec())
+                  const std::vector<std::string> &args, const qt::RunSpec &job = qt::RunSpec())
 {
     Collected c;
     EXPECT_TRUE(qt::write_file(dir.file("q.conf"), config));
     c.path = dir.file(out == "-" ? "stdout.zip" : out);
     std::vector<std::string> all = {"-f", "q.conf", "-a", "t.zip", "-o", out == "-" ? out : c.path};
     all.insert(all.end(), args.begin(), args.end());
-    c.run = qt::run_quelvane(dir, all, spec);
+    c.run = qt::run_quelvane(dir, all, job);
     EXPECT_TRUE(out != "-" || qt::write_file(c.path, c.run.out));
     c.zip = qt::read_zip(qt::read_file(c.path));
     return c;
@@ -169,10 +169,10 @@ TEST(Collect, DatasetSelection)
     for (const auto &test : cases) {
         SCOPED_TRACE(test.letters + (test.down ? " down" : ""));
         qt::TempDir dir;
-        qt::RunSpec spec;
+        qt::RunSpec job;
         if (test.down)
-            spec.env = {"QUELVANE_INJECT_SPSWDOWN=1"};
-        Collected c = collect(dir, config, "out.zip", test.args, spec);
+            job.env = {"QUELVANE_INJECT_SPSWDOWN=1"};
+        Collected c = collect(dir, config, "out.zip", test.args, job);
         EXPECT_EQ(c.run.status, 0);
         EXPECT_EQ(c.run.err, test.down ? "Injected SPSWDOWN: 1\n" : "");
         expect_members(c, config, test.members, {}, test.letters, test.down);
@@ -251,14 +251,14 @@ TEST(Commands, InterruptStopsTheRunAndTheCommandGroup)
         const std::string started = dir.file("started"), got_term = dir.file("got-term");
         std::string waits = script(dir, "waits", "trap 'echo term > " + got_term + "; exit 0' TERM\nexec 2>&-\n"
                                                  "echo waiting; touch " + started + "\nwhile :; do sleep 0.1; done\n");
-        qt::RunSpec spec;
-        spec.during = [&](pid_t pid) {
+        qt::RunSpec job;
+        job.during = [&](pid_t pid) {
             for (int i = 0; i < 1000 && !qt::file_exists(started); ++i)
                 usleep(10000);
             kill(pid, signo);
         };
         const std::string config = "cmd i,30,y,n waits " + waits + "\ncmd i,-,y,n next /bin/echo next\n";
-        Collected c = collect(dir, config, out, {"-v", "-L", "i"}, spec);
+        Collected c = collect(dir, config, out, {"-v", "-L", "i"}, job);
         EXPECT_EQ(c.run.status, 5);
         EXPECT_EQ(qt::read_file(got_term), "term\n");
         const std::string progress = "Sending README File\nSending CONFIG File\nStarting Command: " + waits +

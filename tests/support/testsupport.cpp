@@ -105,16 +105,16 @@ std::string capture_stderr(const std::function<void()> &call)
     return text;
 }
 
-RunResult run(const RunSpec &spec)
+RunResult run(const RunSpec &job)
 {
-    const std::string program = spec.program.empty() ? quelvane_binary() : spec.program;
+    const std::string program = job.program.empty() ? quelvane_binary() : job.program;
     std::vector<std::string> argv_text;
-    argv_text.push_back(spec.argv0.empty() ? program : spec.argv0);
-    argv_text.insert(argv_text.end(), spec.args.begin(), spec.args.end());
+    argv_text.push_back(job.argv0.empty() ? program : job.argv0);
+    argv_text.insert(argv_text.end(), job.args.begin(), job.args.end());
 
     // The first definition of a name wins, so the test's own come first;
     // sanitizer settings reach the child so that its reports are not lost.
-    std::vector<std::string> env_text = spec.env;
+    std::vector<std::string> env_text = job.env;
     for (const char *name : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS"})
         if (const char *value = getenv(name))
             env_text.push_back(std::string(name) + "=" + value);
@@ -133,8 +133,8 @@ RunResult run(const RunSpec &spec)
     // Standard input, output, error and the extra descriptors, as the
     // child will see them.
     std::vector<std::pair<int, int>> plan = {
-        {memory_file(spec.stdin_data), 0}, {memory_file(""), 1}, {memory_file(""), 2}};
-    for (const auto &fd_data : spec.fds)
+        {memory_file(job.stdin_data), 0}, {memory_file(""), 1}, {memory_file(""), 2}};
+    for (const auto &fd_data : job.fds)
         plan.push_back({memory_file(fd_data.second), fd_data.first});
 
     auto started = std::chrono::steady_clock::now();
@@ -161,10 +161,10 @@ RunResult run(const RunSpec &spec)
         sigprocmask(SIG_SETMASK, &none, nullptr);
         for (int s = 1; s < NSIG; s++)
             signal(s, SIG_DFL);
-        if (!spec.cwd.empty() && chdir(spec.cwd.c_str()) != 0)
+        if (!job.cwd.empty() && chdir(job.cwd.c_str()) != 0)
             _exit(126);
-        if (spec.in_child)
-            spec.in_child();
+        if (job.in_child)
+            job.in_child();
         execve(program.c_str(), argv.data(), envp.data());
         _exit(127);
     }
@@ -172,13 +172,13 @@ RunResult run(const RunSpec &spec)
     for (size_t i = 0; i < plan.size(); i++)
         if (plan[i].second != 1 && plan[i].second != 2)
             close(plan[i].first);
-    if (spec.during)
-        spec.during(pid);
+    if (job.during)
+        job.during(pid);
 
     RunResult result;
     int status = 0;
     struct rusage usage;
-    auto deadline = started + std::chrono::seconds(spec.timeout_seconds);
+    auto deadline = started + std::chrono::seconds(job.timeout_seconds);
     for (;;) {
         pid_t done = wait4(pid, &status, WNOHANG, &usage);
         if (done == pid)
@@ -205,25 +205,25 @@ RunResult run(const RunSpec &spec)
     return result;
 }
 
-RunResult run_quelvane(const TempDir &dir, const std::vector<std::string> &args, RunSpec spec)
+RunResult run_quelvane(const TempDir &dir, const std::vector<std::string> &args, RunSpec job)
 {
     mkdir(dir.file("home").c_str(), 0755);
-    spec.args.insert(spec.args.begin(), args.begin(), args.end());
-    spec.env.push_back("QUELVANE_HOME=" + dir.file("home"));
-    if (spec.cwd.empty())
-        spec.cwd = dir.path();
-    return run(spec);
+    job.args.insert(job.args.begin(), args.begin(), args.end());
+    job.env.push_back("QUELVANE_HOME=" + dir.file("home"));
+    if (job.cwd.empty())
+        job.cwd = dir.path();
+    return run(job);
 }
 
 RunResult run_program(const std::string &program, const std::vector<std::string> &args,
                       const std::string &stdin_data)
 {
-    RunSpec spec;
-    spec.program = program;
-    spec.args = args;
-    spec.stdin_data = stdin_data;
-    spec.timeout_seconds = 120;
-    return run(spec);
+    RunSpec job;
+    job.program = program;
+    job.args = args;
+    job.stdin_data = stdin_data;
+    job.timeout_seconds = 120;
+    return run(job);
 }
 
 // ---------------------------------------------------------------------------

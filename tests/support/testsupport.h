@@ -58,15 +58,15 @@ struct RunResult {
     double seconds = 0;
 };
 
-RunResult run(const RunSpec &spec);
+RunResult run(const RunSpec &job);
 
 // What call wrote to standard error (descriptor 2) while it ran.
 std::string capture_stderr(const std::function<void()> &call);
 
 // The tool in the directory dir, with QUELVANE_HOME=dir/home and the
-// working directory dir; spec supplies anything else (stdin, descriptors).
+// working directory dir; job supplies anything else (stdin, descriptors).
 RunResult run_quelvane(const TempDir &dir, const std::vector<std::string> &args,
-                       RunSpec spec = RunSpec());
+                       RunSpec job = RunSpec());
 
 // An external program by path with its arguments.
 RunResult run_program(const std::string &program, const std::vector<std::string> &args,
