@@ -233,8 +233,8 @@ struct RunState {
     int collection_errors = 0;
 };
 
-// Steps 4 to 16 of a run: returns as soon as a step ends the run; the
-// caller closes up.
+// Everything between taking the lock and closing up: returns as soon as a
+// step ends the run, and the caller closes up.
 void collect(RunOptions *options, RunState *run, char *password)
 {
     const char *output_path = options->output_path.c_str();
