@@ -211,10 +211,11 @@ int read_terminal_line(const char *prompt, char *buffer, int size, int no_echo)
     memset(buffer, 0, static_cast<size_t>(size));
 
     // Every character counts, stored or not, so the caller sees an entry
-    // that was too long.
+    // that was too long. An interrupt that lands between two reads ends the
+    // line as one that cuts a read short does.
     int count = 0;
     int c;
-    while ((c = fgetc(stdin)) != EOF && c != '\n') {
+    while (!interrupted_by_user && (c = fgetc(stdin)) != EOF && c != '\n') {
         if (count < size - 1)
             buffer[count] = static_cast<char>(c);
         count++;
