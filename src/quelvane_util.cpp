@@ -352,7 +352,8 @@ int write_download_header(int fd, const char *name)
     int length = snprintf(text.data(), text.size(), header, name, name);
     // One write, so the web server sees the whole header before any data.
     if (length < 0 || write(fd, text.data(), static_cast<size_t>(length)) == -1) {
-        fprintf(stderr, _("Error writing html file download header: %s\n"), strerror(errno));
+        int error = errno;  // the catalogue lookup may change errno
+        fprintf(stderr, _("Error writing html file download header: %s\n"), strerror(error));
         return -1;
     }
     return 0;
