@@ -26,15 +26,21 @@ struct FileCloser {
 };
 using FilePtr = std::unique_ptr<FILE, FileCloser>;
 
-int keyword_type(const char *word) {
-    if (strcasecmp(word, "cmd") == 0) return ENTRY_CMD;
-    if (strcasecmp(word, "file") == 0) return ENTRY_FILE;
-    if (strcasecmp(word, "log") == 0) return ENTRY_LOG;
-    if (strcasecmp(word, "cut") == 0) return ENTRY_CUT;
+int keyword_type(const char *word)
+{
+    if (strcasecmp(word, "cmd") == 0)
+        return ENTRY_CMD;
+    if (strcasecmp(word, "file") == 0)
+        return ENTRY_FILE;
+    if (strcasecmp(word, "log") == 0)
+        return ENTRY_LOG;
+    if (strcasecmp(word, "cut") == 0)
+        return ENTRY_CUT;
     return -1;
 }
 
-int parse_yes_no(const char *text, int *out) {
+int parse_yes_no(const char *text, int *out)
+{
     if (strcmp(text, "y") == 0) {
         *out = 1;
         return 0;
@@ -46,43 +52,58 @@ int parse_yes_no(const char *text, int *out) {
     return -1;
 }
 
-int parse_timeout(const char *text, int32_t *out) {
+int parse_timeout(const char *text, int32_t *out)
+{
     if (strcmp(text, "-") == 0) {
         *out = DEFAULT_TIMEOUT;
         return 0;
     }
     errno = 0;
     long value = strtol(text, nullptr, 0);
-    if (errno == ERANGE || value == 0 || value > INT_MAX || value < INT_MIN) return -1;
+    if (errno == ERANGE || value == 0 || value > INT_MAX || value < INT_MIN)
+        return -1;
     // Negative time-outs are kept as written; the runner decides what they mean.
     *out = static_cast<int32_t>(value);
     return 0;
 }
 
-std::string clean_member_name(const char *prefix, const char *name) {
+std::string clean_member_name(const char *prefix, const char *name)
+{
     size_t end = strlen(name);
-    while (end > 0 && name[end - 1] == '/') end--;
+    while (end > 0 && name[end - 1] == '/')
+        end--;
     size_t start = 0;
-    while (start < end && (name[start] == '.' || name[start] == '/')) start++;
+    while (start < end && (name[start] == '.' || name[start] == '/'))
+        start++;
 
     std::string result = prefix;
-    if (!result.empty() && start < end) result += '/';
+    if (!result.empty() && start < end)
+        result += '/';
     result.append(name + start, end - start);
     return result;
 }
 
-bool is_file_kind(uint32_t type) { return type == ENTRY_FILE || type == ENTRY_LOG; }
+bool is_file_kind(uint32_t type)
+{
+    return type == ENTRY_FILE || type == ENTRY_LOG;
+}
 
-bool is_command_kind(uint32_t type) { return type == ENTRY_CMD || type == ENTRY_CUT; }
+bool is_command_kind(uint32_t type)
+{
+    return type == ENTRY_CMD || type == ENTRY_CUT;
+}
 
 // Flattens everything below the entry's directory into one name component.
-void flatten_slashes(std::string &name, size_t from) {
+void flatten_slashes(std::string &name, size_t from)
+{
     for (size_t i = from; i < name.size(); i++) {
-        if (name[i] == '/') name[i] = '@';
+        if (name[i] == '/')
+            name[i] = '@';
     }
 }
 
-int install_action(int signo, void (*handler)(int, siginfo_t *, void *), int flags) {
+int install_action(int signo, void (*handler)(int, siginfo_t *, void *), int flags)
+{
     struct sigaction action {};
     action.sa_sigaction = handler;
     action.sa_flags = flags;
@@ -90,7 +111,8 @@ int install_action(int signo, void (*handler)(int, siginfo_t *, void *), int fla
     return sigaction(signo, &action, nullptr);
 }
 
-void ignore_signal(int signo) {
+void ignore_signal(int signo)
+{
     struct sigaction action {};
     action.sa_handler = SIG_IGN;
     action.sa_flags = SA_RESTART;
@@ -105,8 +127,10 @@ struct GlobState {
     ConfigEntry *entry = nullptr;
     bool active = false;
 
-    void release() {
-        if (active) globfree(&result);
+    void release()
+    {
+        if (active)
+            globfree(&result);
         result = glob_t{};
         index = 0;
         entry = nullptr;
@@ -117,12 +141,17 @@ struct GlobState {
 
 GlobState glob_state;
 
-}  // namespace
+} // namespace
 
-ConfigList::~ConfigList() { quelvane_config_free_list(this); }
+ConfigList::~ConfigList()
+{
+    quelvane_config_free_list(this);
+}
 
-int quelvane_config_parse_datasets(const char *letters, uint32_t *set) {
-    if (letters == nullptr || set == nullptr) return -1;
+int quelvane_config_parse_datasets(const char *letters, uint32_t *set)
+{
+    if (letters == nullptr || set == nullptr)
+        return -1;
     for (const char *p = letters; *p != '\0'; p++) {
         // Only the upper-case A means every dataset; tested before folding.
         if (*p == 'A') {
@@ -130,14 +159,17 @@ int quelvane_config_parse_datasets(const char *letters, uint32_t *set) {
             continue;
         }
         int folded = tolower(static_cast<unsigned char>(*p));
-        if (folded < 'a' || folded > 'z') return -1;
+        if (folded < 'a' || folded > 'z')
+            return -1;
         *set |= 1u << (folded - 'a');
     }
     return 0;
 }
 
-int quelvane_config_parse_attributes(ConfigEntry *entry, char *field) {
-    if (entry == nullptr || field == nullptr) return -1;
+int quelvane_config_parse_attributes(ConfigEntry *entry, char *field)
+{
+    if (entry == nullptr || field == nullptr)
+        return -1;
     char *save = nullptr;
     int count = 0;
     for (char *sub = strtok_r(field, kAttributeSeparators, &save); sub != nullptr;
@@ -160,14 +192,17 @@ int quelvane_config_parse_attributes(ConfigEntry *entry, char *field) {
             status = -1;
             break;
         }
-        if (status != 0) return -1;
+        if (status != 0)
+            return -1;
         count++;
     }
     return count == 4 ? 0 : -1;
 }
 
-void quelvane_config_append_entry(ConfigList *list, ConfigEntry *entry) {
-    if (list == nullptr || entry == nullptr) return;
+void quelvane_config_append_entry(ConfigList *list, ConfigEntry *entry)
+{
+    if (list == nullptr || entry == nullptr)
+        return;
     entry->next = nullptr;
     if (list->tail == nullptr) {
         list->head = entry;
@@ -177,14 +212,18 @@ void quelvane_config_append_entry(ConfigList *list, ConfigEntry *entry) {
     list->tail = entry;
 }
 
-int quelvane_config_free_entry(ConfigEntry *entry) {
-    if (entry == nullptr) return -1;
+int quelvane_config_free_entry(ConfigEntry *entry)
+{
+    if (entry == nullptr)
+        return -1;
     delete entry;
     return 0;
 }
 
-int quelvane_config_free_list(ConfigList *list) {
-    if (list == nullptr) return -1;
+int quelvane_config_free_list(ConfigList *list)
+{
+    if (list == nullptr)
+        return -1;
     ConfigEntry *entry = list->head;
     while (entry != nullptr) {
         ConfigEntry *next = entry->next;
@@ -197,7 +236,8 @@ int quelvane_config_free_list(ConfigList *list) {
 }
 
 int quelvane_config_parse_line(ConfigList *list, const char *line, const char *member_prefix,
-                               int *uses_domain_out) {
+                               int *uses_domain_out)
+{
     if (list == nullptr || line == nullptr || member_prefix == nullptr ||
         uses_domain_out == nullptr) {
         return -1;
@@ -206,7 +246,8 @@ int quelvane_config_parse_line(ConfigList *list, const char *line, const char *m
         // Work on a copy so the caller can still report the whole line.
         std::string copy = line;
         size_t hash = copy.find('#');
-        if (hash != std::string::npos) copy.erase(hash);
+        if (hash != std::string::npos)
+            copy.erase(hash);
         std::vector<char> text(copy.begin(), copy.end());
         text.push_back('\0');
 
@@ -221,30 +262,38 @@ int quelvane_config_parse_line(ConfigList *list, const char *line, const char *m
              token = strtok_r(nullptr, kTokenSeparators, &save)) {
             if (!have_keyword) {
                 int type = keyword_type(token);
-                if (type < 0) return -1;
+                if (type < 0)
+                    return -1;
                 // Log-only runs drop these lines unread: they are not errors.
-                if (log_only_mode && (type == ENTRY_CMD || type == ENTRY_FILE)) return 0;
+                if (log_only_mode && (type == ENTRY_CMD || type == ENTRY_FILE))
+                    return 0;
                 entry->type = static_cast<uint32_t>(type);
                 have_keyword = true;
             } else if (!have_attributes) {
-                if (quelvane_config_parse_attributes(entry.get(), token) != 0) return -1;
+                if (quelvane_config_parse_attributes(entry.get(), token) != 0)
+                    return -1;
                 have_attributes = true;
             } else if (!have_name) {
                 entry->member_name = clean_member_name(member_prefix, token);
                 have_name = true;
             } else if (!have_path) {
-                if (token[0] != '/') return -1;
-                if (is_command_kind(entry->type)) entry->argv.emplace_back(token);
+                if (token[0] != '/')
+                    return -1;
+                if (is_command_kind(entry->type))
+                    entry->argv.emplace_back(token);
                 entry->path = token;
                 have_path = true;
             } else {
-                if (is_file_kind(entry->type)) return -1;
+                if (is_file_kind(entry->type))
+                    return -1;
                 entry->argv.emplace_back(token);
             }
         }
 
-        if (!have_keyword) return 0;  // blank or comment only
-        if (!have_attributes || !have_name || !have_path) return -1;
+        if (!have_keyword)
+            return 0; // blank or comment only
+        if (!have_attributes || !have_name || !have_path)
+            return -1;
 
         if (is_command_kind(entry->type)) {
             // The program path is not searched: "%d" there names no domain.
@@ -264,7 +313,8 @@ int quelvane_config_parse_line(ConfigList *list, const char *line, const char *m
 }
 
 int quelvane_config_read_file(ConfigList *list, const char *path, const char *member_prefix,
-                              int *uses_domain_out) {
+                              int *uses_domain_out)
+{
     if (list == nullptr || path == nullptr || member_prefix == nullptr ||
         uses_domain_out == nullptr) {
         return -1;
@@ -296,19 +346,23 @@ int quelvane_config_read_file(ConfigList *list, const char *path, const char *me
         if (quelvane_config_parse_line(list, buffer, member_prefix, uses_domain_out) != 0) {
             fprintf(stderr, _("Error on line %s:%d: %s"), path, line_number, buffer);
             size_t length = strlen(buffer);
-            if (length == 0 || buffer[length - 1] != '\n') fputs("\n", stderr);
+            if (length == 0 || buffer[length - 1] != '\n')
+                fputs("\n", stderr);
         }
     }
     return 0;
 }
 
-std::string quelvane_config_command_string(const ConfigEntry *entry, int index) {
-    if (entry == nullptr || entry->argv.empty()) return {};
+std::string quelvane_config_command_string(const ConfigEntry *entry, int index)
+{
+    if (entry == nullptr || entry->argv.empty())
+        return {};
     try {
         const std::string domain = std::to_string(index);
         std::string command;
         for (size_t i = 0; i < entry->argv.size(); i++) {
-            if (i > 0) command += ' ';
+            if (i > 0)
+                command += ' ';
             const std::string &arg = entry->argv[i];
             size_t from = 0;
             // Left to right; the inserted digits are never searched again.
@@ -326,16 +380,21 @@ std::string quelvane_config_command_string(const ConfigEntry *entry, int index) 
     }
 }
 
-std::string quelvane_config_output_name(const ConfigEntry *entry, const char *suffix, int index) {
-    if (entry == nullptr) return {};
+std::string quelvane_config_output_name(const ConfigEntry *entry, const char *suffix, int index)
+{
+    if (entry == nullptr)
+        return {};
     try {
         std::string command = quelvane_config_command_string(entry, index);
-        if (command.empty()) return {};
+        if (command.empty())
+            return {};
         std::string name = entry->member_name + "/" + command;
-        if (suffix != nullptr) name += suffix;
+        if (suffix != nullptr)
+            name += suffix;
         // Archive readers and shells cope badly with blanks in member names.
         for (char &c : name) {
-            if (isspace(static_cast<unsigned char>(c))) c = '_';
+            if (isspace(static_cast<unsigned char>(c)))
+                c = '_';
         }
         flatten_slashes(name, entry->member_name.size() + 1);
         return name;
@@ -344,12 +403,15 @@ std::string quelvane_config_output_name(const ConfigEntry *entry, const char *su
     }
 }
 
-std::string quelvane_config_path_name(const ConfigEntry *entry, const char *suffix) {
-    if (entry == nullptr || entry->path.empty()) return {};
+std::string quelvane_config_path_name(const ConfigEntry *entry, const char *suffix)
+{
+    if (entry == nullptr || entry->path.empty())
+        return {};
     try {
         // White space stays: the name mirrors the collected file's path.
         std::string name = entry->member_name + "/" + entry->path;
-        if (suffix != nullptr) name += suffix;
+        if (suffix != nullptr)
+            name += suffix;
         flatten_slashes(name, entry->member_name.size() + 1);
         return name;
     } catch (const std::bad_alloc &) {
@@ -359,33 +421,39 @@ std::string quelvane_config_path_name(const ConfigEntry *entry, const char *suff
 
 namespace {
 
-int fill_command_member(const ConfigEntry *entry, ZipMember *member, int index,
-                        const char *suffix) {
-    if (entry == nullptr || member == nullptr) return -1;
+int fill_command_member(const ConfigEntry *entry, ZipMember *member, int index, const char *suffix)
+{
+    if (entry == nullptr || member == nullptr)
+        return -1;
     *member = ZipMember{};
     member->name = quelvane_config_output_name(entry, suffix, index);
-    if (member->name.empty()) return -1;
+    if (member->name.empty())
+        return -1;
     member->version_needed = 20;
-    member->flags = 8;  // sizes and CRC follow the data in a descriptor
+    member->flags = 8; // sizes and CRC follow the data in a descriptor
     member->method = 8;
     member->kind = MEMBER_GENERATED;
     return 0;
 }
 
-}  // namespace
+} // namespace
 
-int quelvane_zip_stdout_member(const ConfigEntry *entry, ZipMember *member, int index) {
+int quelvane_zip_stdout_member(const ConfigEntry *entry, ZipMember *member, int index)
+{
     return fill_command_member(entry, member, index, ".out");
 }
 
-int quelvane_zip_stderr_member(const ConfigEntry *entry, ZipMember *member, int index) {
+int quelvane_zip_stderr_member(const ConfigEntry *entry, ZipMember *member, int index)
+{
     return fill_command_member(entry, member, index, ".err");
 }
 
-int config_glob_next(ConfigEntry *entry) {
+int config_glob_next(ConfigEntry *entry)
+{
     if (entry != nullptr) {
         glob_state.release();
-        if (!is_file_kind(entry->type)) return -1;
+        if (!is_file_kind(entry->type))
+            return -1;
         glob_state.entry = entry;
         glob_state.active = true;
         if (glob(entry->path.c_str(), GLOB_ERR, nullptr, &glob_state.result) != 0) {
@@ -410,24 +478,39 @@ int config_glob_next(ConfigEntry *entry) {
     return 0;
 }
 
-int quelvane_signal_setup() {
+int quelvane_signal_setup()
+{
     // SIGALRM and the interrupt signals deliberately lack SA_RESTART so that
     // a blocking wait in the command runner returns with EINTR.
-    if (install_action(SIGALRM, quelvane_signal_alarm, SA_SIGINFO) != 0) return -1;
-    if (install_action(SIGCHLD, quelvane_signal_child, SA_SIGINFO | SA_RESTART) != 0) return -1;
-    if (install_action(SIGHUP, quelvane_signal_interrupt, SA_SIGINFO) != 0) return -1;
-    if (install_action(SIGINT, quelvane_signal_interrupt, SA_SIGINFO) != 0) return -1;
-    if (install_action(SIGQUIT, quelvane_signal_interrupt, SA_SIGINFO) != 0) return -1;
-    if (install_action(SIGTERM, quelvane_signal_interrupt, SA_SIGINFO) != 0) return -1;
+    if (install_action(SIGALRM, quelvane_signal_alarm, SA_SIGINFO) != 0)
+        return -1;
+    if (install_action(SIGCHLD, quelvane_signal_child, SA_SIGINFO | SA_RESTART) != 0)
+        return -1;
+    if (install_action(SIGHUP, quelvane_signal_interrupt, SA_SIGINFO) != 0)
+        return -1;
+    if (install_action(SIGINT, quelvane_signal_interrupt, SA_SIGINFO) != 0)
+        return -1;
+    if (install_action(SIGQUIT, quelvane_signal_interrupt, SA_SIGINFO) != 0)
+        return -1;
+    if (install_action(SIGTERM, quelvane_signal_interrupt, SA_SIGINFO) != 0)
+        return -1;
     return 0;
 }
 
-void quelvane_signal_child(int, siginfo_t *, void *) { child_exited = 1; }
+void quelvane_signal_child(int, siginfo_t *, void *)
+{
+    child_exited = 1;
+}
 
-void quelvane_signal_alarm(int, siginfo_t *, void *) { command_timed_out = 1; }
+void quelvane_signal_alarm(int, siginfo_t *, void *)
+{
+    command_timed_out = 1;
+}
 
-void quelvane_signal_interrupt(int, siginfo_t *, void *) {
-    if (interrupted_by_user) return;
+void quelvane_signal_interrupt(int, siginfo_t *, void *)
+{
+    if (interrupted_by_user)
+        return;
     int saved_errno = errno;
     interrupted_by_user = 1;
     // Only the first interrupt counts; the run needs quiet to close the archive.
