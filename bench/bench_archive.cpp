@@ -108,8 +108,8 @@ void restart_stream(int level_zero)
 Run writer_from_memory(const std::string &data, int out_fd)
 {
     ZipMember member;
+    zip_member_init(&member, MEMBER_GENERATED);
     member.name = "bench/memory.log";
-    member.kind = MEMBER_GENERATED;
     uint32_t total = 0;
     double start = seconds_now();
     quelvane_z_output_local_file_header(out_fd, &member, &total);
@@ -131,8 +131,8 @@ Run writer_from_file(const std::string &path, int out_fd)
     struct stat status;
     stat(path.c_str(), &status);
     ZipMember member;
+    zip_member_init(&member, MEMBER_FILE);
     member.name = "bench/file.log";
-    member.kind = MEMBER_FILE;
     member.source_path = path;
     member.uncompressed_size = static_cast<uint32_t>(status.st_size);
     member.dos_datetime = static_cast<uint32_t>(status.st_mtime);
@@ -287,8 +287,8 @@ long member_peak_rss_kb(uint64_t size)
         close(data[1]);
         int out = open("/dev/null", O_WRONLY);
         ZipMember member;
+        zip_member_init(&member, MEMBER_GENERATED);
         member.name = "bench/stream.out";
-        member.kind = MEMBER_GENERATED;
         uint32_t total = 0;
         if (zip_deflate_start() != 0 ||
             quelvane_z_output_local_file_header(out, &member, &total) != 0)

@@ -425,15 +425,9 @@ int fill_command_member(const ConfigEntry *entry, ZipMember *member, int index, 
 {
     if (entry == nullptr || member == nullptr)
         return -1;
-    *member = ZipMember{};
+    zip_member_init(member, MEMBER_GENERATED);
     member->name = quelvane_config_output_name(entry, suffix, index);
-    if (member->name.empty())
-        return -1;
-    member->version_needed = 20;
-    member->flags = 8; // sizes and CRC follow the data in a descriptor
-    member->method = 8;
-    member->kind = MEMBER_GENERATED;
-    return 0;
+    return member->name.empty() ? -1 : 0;
 }
 
 } // namespace

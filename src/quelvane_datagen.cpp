@@ -160,9 +160,6 @@ namespace {
 // our own "QUELVANE MSG: " lines, written afterwards as its ".err" member.
 Bufchain stderr_chain;
 
-constexpr int32_t ZIP_VERSION = 20;
-constexpr int32_t FLAG_DESCRIPTOR = 8;
-constexpr int32_t METHOD_DEFLATE = 8;
 
 // Two seconds for a signalled command group to go before the run goes on.
 constexpr time_t KILL_GRACE_SECONDS = 2;
@@ -582,11 +579,7 @@ int zip_init_file_member(ConfigEntry *entry, ZipMember *member, std::string *err
             return fail(_("No Memory"), -1);
         }
 
-        *member = ZipMember{};
-        member->version_needed = ZIP_VERSION;
-        member->flags = FLAG_DESCRIPTOR;
-        member->method = METHOD_DEFLATE;
-        member->kind = MEMBER_FILE;
+        zip_member_init(member, MEMBER_FILE);
         // The size declared is the one stat saw: /proc files declare 0 and a
         // growing log its size at this moment, whatever is read later.
         member->uncompressed_size = static_cast<uint32_t>(st.st_size);
@@ -607,13 +600,9 @@ int zip_init_err_member(ConfigEntry *entry, ZipMember *member)
         std::string name = quelvane_config_path_name(entry, ".err");
         if (name.empty())
             return -1;
-        *member = ZipMember{};
-        member->version_needed = ZIP_VERSION;
-        member->flags = FLAG_DESCRIPTOR;
-        member->method = METHOD_DEFLATE;
         // Kind, size 0 and time 0 are kept as a collected file's, so the
         // member declares size 0 and 1 January 1980 whatever text it holds.
-        member->kind = MEMBER_FILE;
+        zip_member_init(member, MEMBER_FILE);
         member->name = std::move(name);
         return 0;
     } catch (const std::bad_alloc &) {
@@ -751,11 +740,8 @@ int datagen_write_readme(int out_fd, const char *archive_name, const char *confi
         return -1;
     try {
         ZipMember member;
+        zip_member_init(&member, MEMBER_GENERATED);
         member.name = top_member_name(prefix, "README");
-        member.version_needed = ZIP_VERSION;
-        member.flags = FLAG_DESCRIPTOR;
-        member.method = METHOD_DEFLATE;
-        member.kind = MEMBER_GENERATED;
 
         // Scripts read these lines: they are never translated.
         Bufchain text;
@@ -780,15 +766,12 @@ int datagen_write_config(int out_fd, ZipWriter *archive, const char *prefix, con
     if (out_fd < 0 || archive == nullptr || prefix == nullptr || config_file == nullptr)
         return -1;
     try {
-        ZipMember member;
-        member.name = top_member_name(prefix, "CONFIG");
         struct stat st;
         if (stat(config_file, &st) != 0)
             return -1;
-        member.version_needed = ZIP_VERSION;
-        member.flags = FLAG_DESCRIPTOR;
-        member.method = METHOD_DEFLATE;
-        member.kind = MEMBER_FILE;
+        ZipMember member;
+        zip_member_init(&member, MEMBER_FILE);
+        member.name = top_member_name(prefix, "CONFIG");
         member.source_path = config_file;
         member.uncompressed_size = static_cast<uint32_t>(st.st_size);
         member.dos_datetime = static_cast<uint32_t>(st.st_mtime);

@@ -23,9 +23,6 @@ constexpr uint32_t DESCRIPTOR_SIGNATURE = 0x08074b50;
 constexpr uint32_t CENTRAL_SIGNATURE = 0x02014b50;
 constexpr uint32_t END_SIGNATURE = 0x06054b50;
 
-constexpr int32_t ZIP_VERSION = 20;       // 2.0: deflate and data descriptors
-constexpr int32_t FLAG_DESCRIPTOR = 8;    // bit 3: CRC and sizes follow the data
-constexpr int32_t METHOD_DEFLATE = 8;
 
 constexpr uint32_t LOCAL_HEADER_SIZE = 30;
 constexpr uint32_t DESCRIPTOR_SIZE = 16;
@@ -110,6 +107,15 @@ int write_central_record(int out_fd, const ZipMember &member)
 // cipher sees exactly the plain ZIP stream.
 // ---------------------------------------------------------------------------
 
+void zip_member_init(ZipMember *member, int32_t kind)
+{
+    *member = ZipMember{};
+    member->version_needed = ZIP_VERSION;
+    member->flags = ZIP_FLAG_DESCRIPTOR;
+    member->method = ZIP_METHOD_DEFLATE;
+    member->kind = kind;
+}
+
 int zip_write_u8(int out_fd, uint32_t value)
 {
     if (out_fd < 0)
@@ -158,9 +164,6 @@ int quelvane_z_output_local_file_header(int out_fd, ZipMember *member, uint32_t 
     if (started != 0)
         return started;
 
-    member->version_needed = ZIP_VERSION;
-    member->flags = FLAG_DESCRIPTOR;
-    member->method = METHOD_DEFLATE;
     // A collected file always keeps its recorded time, so a file stamped 0
     // reads as 1 January 1980; only generated members take "now" for 0.
     time_t when = static_cast<time_t>(member->dos_datetime);

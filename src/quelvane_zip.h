@@ -13,6 +13,14 @@ enum {
     MEMBER_FILE = 2,       // size and time taken from stat by the producer
 };
 
+// What every member declares: ZIP 2.0, deflate, and CRC and sizes in a data
+// descriptor after the data (bit 3), since the output cannot be rewound.
+enum : int32_t {
+    ZIP_VERSION = 20,
+    ZIP_FLAG_DESCRIPTOR = 8,
+    ZIP_METHOD_DEFLATE = 8,
+};
+
 // One archive member. Producers reset it (member = ZipMember{}) and fill it;
 // the writer completes CRC, sizes, offset and date.
 struct ZipMember {
@@ -35,6 +43,9 @@ struct ZipMember {
 struct ZipWriter {
     uint32_t total_written = 0;
 };
+
+// A fresh record of the given kind carrying the constants above.
+void zip_member_init(ZipMember *member, int32_t kind);
 
 int zip_write_u32(int out_fd, uint32_t value);
 int zip_write_u16(int out_fd, uint32_t value);

@@ -44,8 +44,8 @@ void write_sample(int fd, const std::string &source, int level_zero)
     for (size_t i = 0; i < 5; ++i) {
         const std::string &data = SAMPLE[i].data;
         ZipMember member;
+        zip_member_init(&member, i == 2 ? MEMBER_FILE : MEMBER_GENERATED);
         member.name = SAMPLE[i].name;
-        member.kind = i == 2 ? MEMBER_FILE : MEMBER_GENERATED;
         member.dos_datetime = SAMPLE[i].time;
         member.uncompressed_size = i == 2 ? SAMPLE[i].declared : 0;  // the producer's stat
         member.source_path = source;
@@ -150,8 +150,8 @@ TEST(Archive, NoMembersAndLongNames)
     for (size_t length : {0, 65536, 100000}) {
         zip_member_list_free();
         ZipMember member;
+        zip_member_init(&member, MEMBER_GENERATED);
         member.name = std::string(length, 'n');
-        member.kind = MEMBER_GENERATED;
         uint32_t total = 0;
         int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
         ASSERT_TRUE(length == 0 || (quelvane_z_output_local_file_header(fd, &member, &total) == 0 &&
