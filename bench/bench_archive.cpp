@@ -110,7 +110,7 @@ Run writer_from_memory(const std::string &data, int out_fd)
     ZipMember member;
     zip_member_init(&member, MEMBER_GENERATED);
     member.name = "bench/memory.log";
-    uint32_t total = 0;
+    uint64_t total = 0;
     double start = seconds_now();
     quelvane_z_output_local_file_header(out_fd, &member, &total);
     for (size_t at = 0; at < data.size(); at += PIECE) {
@@ -136,7 +136,7 @@ Run writer_from_file(const std::string &path, int out_fd)
     member.source_path = path;
     member.uncompressed_size = static_cast<uint32_t>(status.st_size);
     member.dos_datetime = static_cast<uint32_t>(status.st_mtime);
-    uint32_t total = 0;
+    uint64_t total = 0;
     int error = 0;
     double start = seconds_now();
     if (zip_open_member_file(&member) != 0)
@@ -289,7 +289,7 @@ long member_peak_rss_kb(uint64_t size)
         ZipMember member;
         zip_member_init(&member, MEMBER_GENERATED);
         member.name = "bench/stream.out";
-        uint32_t total = 0;
+        uint64_t total = 0;
         if (zip_deflate_start() != 0 ||
             quelvane_z_output_local_file_header(out, &member, &total) != 0)
             _exit(2);

@@ -111,7 +111,7 @@ int quelvane_bufchain_write(Bufchain *chain, ZipMember *member, int out, void *c
 {
     if (chain == nullptr || context == nullptr || out < 0)
         return -1;
-    uint32_t *total_written = static_cast<uint32_t *>(context);
+    uint64_t *total_written = static_cast<uint64_t *>(context);
     for (BufBlock *block = chain->head; block != nullptr; block = block->next) {
         bool last = block == chain->tail;
         int result = zip_deflate_chunk(member, out, block->data,

@@ -33,7 +33,7 @@ extern int bufchain_error;
 int quelvane_bufchain_add(Bufchain *chain, const void *data, int length);
 int quelvane_bufchain_read_fd(Bufchain *chain, int fd);
 int quelvane_bufchain_length(const Bufchain *chain, unsigned *length);
-// context is the archive's running byte count (uint32_t *).
+// context is the archive's running byte count (uint64_t *).
 int quelvane_bufchain_write(Bufchain *chain, ZipMember *member, int out, void *context, int finish);
 int quelvane_bufchain_free(Bufchain *chain);
 int quelvane_vbprintf(Bufchain *chain, const char *format, ...)

@@ -156,10 +156,14 @@ int sink_encrypt_finish(int out_fd)
 
 namespace {
 
-// Error text of the entry being collected: a command's standard error and
-// our own "QUELVANE MSG: " lines, written afterwards as its ".err" member.
+// Error text of the entry being collected: a command's standard error (or
+// our lines about a file), written afterwards as its ".err" member.
 Bufchain stderr_chain;
+// Our own "QUELVANE MSG: " lines about a command, kept apart so that they
+// follow its standard error even when that filled the chain to its cap.
+Bufchain message_chain;
 
+const char CUT_MESSAGE[] = "QUELVANE MSG: Data cut at %lu bytes, the largest member an archive holds\n";
 
 // Two seconds for a signalled command group to go before the run goes on.
 constexpr time_t KILL_GRACE_SECONDS = 2;
@@ -201,9 +205,18 @@ struct Pipe {
     }
 };
 
-// Empties the stderr chain when the call that filled it returns.
+// Empties the chains when the call that filled them returns.
 struct ChainReset {
-    ~ChainReset() { quelvane_bufchain_free(&stderr_chain); }
+    ChainReset()
+    {
+        quelvane_bufchain_free(&stderr_chain);
+        quelvane_bufchain_free(&message_chain);
+    }
+    ~ChainReset()
+    {
+        quelvane_bufchain_free(&stderr_chain);
+        quelvane_bufchain_free(&message_chain);
+    }
 };
 
 struct FileClose {
@@ -222,12 +235,6 @@ void set_timer(time_t seconds)
     setitimer(ITIMER_REAL, &timer, nullptr);
 }
 
-// A late alarm must not reach the next command: every way out of the runner
-// disarms the timer.
-struct TimerDisarm {
-    ~TimerDisarm() { set_timer(0); }
-};
-
 // Kept in release builds too: a child sharing our process group would take
 // the tool down with it when its group is signalled.
 void require(bool condition, const char *text)
@@ -245,14 +252,24 @@ bool chain_empty(const Bufchain *chain)
     return quelvane_bufchain_length(chain, &length) != 0 || length == 0;
 }
 
-// Begins the member, deflates the chain into it and finishes it.
-int write_chain_member(int out_fd, Bufchain *chain, ZipMember *member, ZipWriter *archive)
+// Begins the member, deflates the chain (then the second one, if it holds
+// anything) into it and finishes it.
+int write_chain_member(int out_fd, Bufchain *chain, ZipMember *member, ZipWriter *archive,
+                       Bufchain *more = nullptr)
 {
-    if (quelvane_z_output_local_file_header(out_fd, member, &archive->total_written) != 0 ||
-        quelvane_bufchain_write(chain, member, out_fd, &archive->total_written, Z_FINISH) != 0 ||
-        zip_finish_member(out_fd, member, &archive->total_written) != 0)
+    uint64_t *total = &archive->total_written;
+    const bool two = more != nullptr && !chain_empty(more);
+    if (quelvane_z_output_local_file_header(out_fd, member, total) != 0 ||
+        quelvane_bufchain_write(chain, member, out_fd, total, two ? Z_NO_FLUSH : Z_FINISH) != 0 ||
+        (two && quelvane_bufchain_write(more, member, out_fd, total, Z_FINISH) != 0) ||
+        zip_finish_member(out_fd, member, total) != 0)
         return -1;
     return 0;
+}
+
+int add_cut_message(Bufchain *chain)
+{
+    return quelvane_vbprintf(chain, _(CUT_MESSAGE), static_cast<unsigned long>(ZIP_MEMBER_LIMIT));
 }
 
 // SIGTERM to the whole command group, then its grace period. Never SIGKILL:
@@ -288,8 +305,7 @@ void read_stderr(int fd, const char *format)
 }
 
 // Runs in the forked child; never returns.
-[[noreturn]] void run_child(const ConfigEntry *entry, int out_fd, Pipe &out_pipe, Pipe &err_pipe,
-                            Pipe &sync_pipe)
+[[noreturn]] void run_child(const ConfigEntry *entry, Pipe &out_pipe, Pipe &err_pipe, Pipe &sync_pipe)
 {
     char pgid_text[32] = {};
     auto keep_as = [](int fd, int target) {
@@ -300,21 +316,22 @@ void read_stderr(int fd, const char *format)
     };
     keep_as(out_pipe.write_end.get(), STDOUT_FILENO);
     keep_as(err_pipe.write_end.get(), STDERR_FILENO);
-    for (Pipe *p : {&out_pipe, &err_pipe, &sync_pipe})
-        close(p->read_end.get());
-    for (Pipe *p : {&out_pipe, &err_pipe})
-        if (p->write_end.get() > STDERR_FILENO)
-            close(p->write_end.get());
-    // The command must not hold the archive open.
-    if (out_fd > STDERR_FILENO)
-        close(out_fd);
     // A group of its own, so that SIGTERM reaches everything it starts and a
     // terminal interrupt aimed at us does not reach it directly.
     setpgrp();
     snprintf(pgid_text, sizeof pgid_text, "%d", static_cast<int>(getpgid(0)));
     ssize_t ignored = write(sync_pipe.write_end.get(), pgid_text, strlen(pgid_text));
     (void)ignored;
-    close(sync_pipe.write_end.get());
+    // The command gets standard input, output and error, nothing more: not
+    // the archive, the lock, our pipes nor what we inherited ourselves.
+    if (close_range(STDERR_FILENO + 1, ~0U, 0) != 0) {
+        for (long fd = STDERR_FILENO + 1, top = sysconf(_SC_OPEN_MAX); fd < top && fd < 65536; ++fd)
+            close(static_cast<int>(fd));
+    }
+    // We ignore these to see failed writes as errors; a command's pipeline
+    // (yes | head) relies on them.
+    signal(SIGPIPE, SIG_DFL);
+    signal(SIGXFSZ, SIG_DFL);
 
     execl("/bin/sh", "sh", "-c", entry->command.c_str(), static_cast<char *>(nullptr));
     int error = errno;
@@ -328,6 +345,40 @@ void read_stderr(int fd, const char *format)
 
 enum class Ending { running, finished, interrupted, timed_out };
 
+// A started command. Whichever way the runner leaves, an output failure
+// included, a command still running is stopped with the kill sequence and
+// the timer disarmed, so nothing of ours runs on unwatched.
+class RunningCommand {
+public:
+    RunningCommand(const ConfigEntry *entry, pid_t pid) : entry_(entry), pid_(pid) {}
+    RunningCommand(const RunningCommand &) = delete;
+    RunningCommand &operator=(const RunningCommand &) = delete;
+    ~RunningCommand()
+    {
+        set_timer(0);
+        if (!done_)
+            stop(nullptr);
+    }
+    void set_target(int target) { target_ = target; }
+    pid_t pid() const { return pid_; }
+    // The command ended by itself and was reaped.
+    void reaped() { done_ = true; }
+    // The kill sequence, then a look for its end without waiting.
+    void stop(int *status)
+    {
+        int ignored = 0;
+        done_ = true;
+        kill_command(entry_, target_);
+        wait_child(pid_, status != nullptr ? status : &ignored, WNOHANG);
+    }
+
+private:
+    const ConfigEntry *entry_;
+    pid_t pid_;
+    int target_ = 0;
+    bool done_ = false;
+};
+
 }  // namespace
 
 int quelvane_execute_command(int out_fd, ConfigEntry *entry, ZipWriter *archive, int index)
@@ -339,7 +390,6 @@ int quelvane_execute_command(int out_fd, ConfigEntry *entry, ZipWriter *archive,
     ZipMember out_member;
     ZipMember err_member;
     ChainReset chain_reset;
-    quelvane_bufchain_free(&stderr_chain);
     child_exited = 0;
     command_timed_out = 0;
 
@@ -376,7 +426,7 @@ int quelvane_execute_command(int out_fd, ConfigEntry *entry, ZipWriter *archive,
         return -1;
     }
     if (pid == 0)
-        run_child(entry, out_fd, out_pipe, err_pipe, sync_pipe);
+        run_child(entry, out_pipe, err_pipe, sync_pipe);
 
     // Our own write ends go first, so that a child that dies before it
     // reports its group cannot leave the read below waiting.
@@ -391,7 +441,8 @@ int quelvane_execute_command(int out_fd, ConfigEntry *entry, ZipWriter *archive,
     sscanf(pgid_text, "%d", &childpgrpid);
     require(childpgrpid != getpgid(0), "childpgrpid != getpgid(0)");
     require(childpgrpid == getpgid(pid), "childpgrpid == getpgid(pid)");
-    const int target = childpgrpid == -1 ? pid : -childpgrpid;
+    RunningCommand command(entry, pid);
+    command.set_target(childpgrpid == -1 ? pid : -childpgrpid);
     sync_pipe.read_end.reset();
 
     const int out_read = out_pipe.read_end.get();
@@ -401,18 +452,14 @@ int quelvane_execute_command(int out_fd, ConfigEntry *entry, ZipWriter *archive,
     for (int fd : {out_read, err_read})
         fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
 
-    TimerDisarm timer_disarm;
     struct itimerval timer = {};
     timer.it_value.tv_sec = entry->timeout;
     if (setitimer(ITIMER_REAL, &timer, nullptr) != 0) {
         perror("setitimer");
-        kill_command(entry, target);
         return -1;
     }
     if (quelvane_z_output_local_file_header(out_fd, &out_member, &archive->total_written) != 0) {
         perror("quelvane_z_output_local_file_header");
-        set_timer(0);
-        kill_command(entry, target);
         return -2;
     }
 
@@ -451,6 +498,7 @@ int quelvane_execute_command(int out_fd, ConfigEntry *entry, ZipWriter *archive,
             pid_t reaped = wait_child(pid, &status, WNOHANG);
             if (reaped != 0) {
                 child_exited = 1;
+                command.reaped();
                 ending = Ending::finished;
                 break;
             }
@@ -479,10 +527,8 @@ int quelvane_execute_command(int out_fd, ConfigEntry *entry, ZipWriter *archive,
     }
     set_timer(0);
 
-    if (ending != Ending::finished) {
-        kill_command(entry, target);
-        wait_child(pid, &status, WNOHANG);
-    }
+    if (ending != Ending::finished)
+        command.stop(&status);
 
     // Whatever the command left in its pipes, without waiting for the end
     // of a stream that a background process may still hold open.
@@ -492,14 +538,16 @@ int quelvane_execute_command(int out_fd, ConfigEntry *entry, ZipWriter *archive,
         return -2;
     }
     read_stderr(err_read, _("Error buffering stderr ret=%d fd=%d errno=%d\n"));
+    if (out_member.cut && add_cut_message(&message_chain) < 0)
+        fputs(_("Error withquelvane_vbprintf: Exit\n"), stderr);
 
     if (ending == Ending::timed_out) {
-        if (quelvane_vbprintf(&stderr_chain, _("QUELVANE MSG: Command Timeout: Exit Signal: %d\n"),
+        if (quelvane_vbprintf(&message_chain, _("QUELVANE MSG: Command Timeout: Exit Signal: %d\n"),
                               status & 0x7f) < 0) {
             fputs(_("Error withquelvane_vbprintf: TO message\n"), stderr);
             return -1;
         }
-        if (write_chain_member(out_fd, &stderr_chain, &err_member, archive) != 0) {
+        if (write_chain_member(out_fd, &stderr_chain, &err_member, archive, &message_chain) != 0) {
             print_progress(_("Error with output\n"));
             return -2;
         }
@@ -512,19 +560,19 @@ int quelvane_execute_command(int out_fd, ConfigEntry *entry, ZipWriter *archive,
     const int exit_code = (status & 0x7f) == 0 ? (status >> 8) & 0xff : 0;
     if (exit_code != 0) {
         // The exit code is described as if it were an errno value.
-        if (quelvane_vbprintf(&stderr_chain, _("QUELVANE MSG: Child exited with %d: %s\n"), exit_code,
+        if (quelvane_vbprintf(&message_chain, _("QUELVANE MSG: Child exited with %d: %s\n"), exit_code,
                               strerror(exit_code)) < 0) {
             fputs(_("Error withquelvane_vbprintf: Exit\n"), stderr);
             return -1;
         }
     }
     const bool interrupted = ending == Ending::interrupted;
-    if (interrupted && quelvane_vbprintf(&stderr_chain, _("QUELVANE MSG: User Interrupt\n")) < 0) {
+    if (interrupted && quelvane_vbprintf(&message_chain, _("QUELVANE MSG: User Interrupt\n")) < 0) {
         fputs(_("Error withquelvane_vbprintf: Interrupt Message\n"), stderr);
         return -1;
     }
-    if (!chain_empty(&stderr_chain) &&
-        write_chain_member(out_fd, &stderr_chain, &err_member, archive) != 0) {
+    if ((!chain_empty(&stderr_chain) || !chain_empty(&message_chain)) &&
+        write_chain_member(out_fd, &stderr_chain, &err_member, archive, &message_chain) != 0) {
         print_progress(_("Error with output\n"));
         return -2;
     }
@@ -580,10 +628,9 @@ int zip_init_file_member(ConfigEntry *entry, ZipMember *member, std::string *err
         }
 
         zip_member_init(member, MEMBER_FILE);
-        // The size declared is the one stat saw: /proc files declare 0 and a
-        // growing log its size at this moment, whatever is read later.
-        member->uncompressed_size = static_cast<uint32_t>(st.st_size);
-        member->dos_datetime = static_cast<uint32_t>(st.st_mtime);
+        // The size declared is the one stat saw, and no more is read: /proc
+        // files declare 0 and are read to their end.
+        zip_member_from_stat(member, st);
         member->name = std::move(name);
         member->source_path = std::move(source);
         return 0;
@@ -617,7 +664,6 @@ int datagen_collect_file(int out_fd, ConfigEntry *entry, ZipWriter *archive)
     ZipMember file_member;
     ZipMember err_member;
     ChainReset chain_reset;
-    quelvane_bufchain_free(&stderr_chain);
     const char *path = entry->path.c_str();
     print_progress(_("Collecting file: %s"), path);
 
@@ -659,6 +705,10 @@ int datagen_collect_file(int out_fd, ConfigEntry *entry, ZipWriter *archive)
             zip_finish_member(out_fd, &file_member, &archive->total_written) == 0) {
             zip_close_member_file(&file_member);
             print_progress(_(" - Status: ok\n"));
+            if (file_member.cut && add_cut_message(&stderr_chain) < 0) {
+                fprintf(stderr, _("quelvane_vbprintf: unable to write stderr buffer: '%s'\n"), path);
+                chain_failed = true;
+            }
         } else {
             result = -2;
             print_progress(_(" - Status: FAIL\n"));
@@ -773,8 +823,7 @@ int datagen_write_config(int out_fd, ZipWriter *archive, const char *prefix, con
         zip_member_init(&member, MEMBER_FILE);
         member.name = top_member_name(prefix, "CONFIG");
         member.source_path = config_file;
-        member.uncompressed_size = static_cast<uint32_t>(st.st_size);
-        member.dos_datetime = static_cast<uint32_t>(st.st_mtime);
+        zip_member_from_stat(&member, st);
         // Unreadable although stat saw it: the run goes on without it.
         member.source_file = fopen(config_file, "r");
         if (member.source_file == nullptr)

@@ -22,12 +22,25 @@ constexpr uint32_t LOCAL_HEADER_SIGNATURE = 0x04034b50;
 constexpr uint32_t DESCRIPTOR_SIGNATURE = 0x08074b50;
 constexpr uint32_t CENTRAL_SIGNATURE = 0x02014b50;
 constexpr uint32_t END_SIGNATURE = 0x06054b50;
-
+constexpr uint32_t ZIP64_END_SIGNATURE = 0x06064b50;
+constexpr uint32_t ZIP64_LOCATOR_SIGNATURE = 0x07064b50;
 
 constexpr uint32_t LOCAL_HEADER_SIZE = 30;
 constexpr uint32_t DESCRIPTOR_SIZE = 16;
-constexpr uint32_t CENTRAL_RECORD_SIZE = 46;
 constexpr uint32_t END_RECORD_SIZE = 22;
+constexpr uint32_t ZIP64_END_SIZE = 56;
+constexpr uint32_t ZIP64_LOCATOR_SIZE = 20;
+
+// ZIP64: the version that readers need for it, the extra field that carries
+// a 64-bit offset, and the field values that say "see the ZIP64 record".
+constexpr uint32_t ZIP64_VERSION = 45;
+constexpr uint32_t ZIP64_EXTRA_ID = 0x0001;
+constexpr uint32_t ZIP64_OFFSET_EXTRA_SIZE = 8;
+constexpr uint32_t MAX_U16 = 0xffff;
+constexpr uint32_t MAX_U32 = 0xffffffff;
+
+// Central records are gathered up to about this much before going out.
+constexpr size_t DIRECTORY_BUFFER = 64 * 1024;
 
 constexpr unsigned OUTPUT_BUFFER_SIZE = 32768;
 constexpr size_t FILE_READ_SIZE = 32768;
@@ -54,57 +67,76 @@ uint32_t wrapped_name_length(const ZipMember &member)
     return static_cast<uint32_t>(member.name.size()) & 0xffff;
 }
 
-int write_bytes(int out_fd, const char *bytes, size_t count)
-{
-    for (size_t i = 0; i < count; ++i)
-        if (zip_write_u8(out_fd, static_cast<unsigned char>(bytes[i])) != 0)
+// A header or record assembled in memory, least significant byte first, so
+// that it leaves through the sink in one call: the bytes are those of a
+// field-by-field write, without a system call per byte.
+class Record {
+public:
+    Record &u16(uint32_t value) { return put(value, 2); }
+    Record &u32(uint32_t value) { return put(value, 4); }
+    Record &u64(uint64_t value) { return put(value, 8); }
+    Record &bytes(const char *data, size_t count)
+    {
+        bytes_.append(data, count);
+        return *this;
+    }
+    size_t size() const { return bytes_.size(); }
+    void clear() { bytes_.clear(); }
+    int send(int out_fd) const
+    {
+        if (out_fd < 0)
             return -1;
-    return 0;
-}
+        return bytes_.empty() ? 0 : sink_write(bytes_.data(), bytes_.size(), out_fd);
+    }
 
-int write_little_endian(int out_fd, uint32_t value, int bytes)
-{
-    if (out_fd < 0)
-        return -1;
-    for (int i = 0; i < bytes; ++i, value >>= 8)
-        if (zip_write_u8(out_fd, value) != 0)
-            return -1;
-    return 0;
-}
+private:
+    Record &put(uint64_t value, int count)
+    {
+        for (int i = 0; i < count; ++i, value >>= 8)
+            bytes_.push_back(static_cast<char>(value & 0xff));
+        return *this;
+    }
+    std::string bytes_;
+};
 
-int write_central_record(int out_fd, const ZipMember &member)
+void add_central_record(Record &record, const ZipMember &member)
 {
-    uint32_t time_part = member.dos_datetime & 0xffff;
-    uint32_t date_part = member.dos_datetime >> 16;
-    // The version made by is the same value, host byte 0.
-    if (zip_write_u32(out_fd, CENTRAL_SIGNATURE) ||                   // central header signature
-        zip_write_u16(out_fd, member.version_needed) ||               // version made by
-        zip_write_u16(out_fd, member.version_needed) ||               // version needed to extract
-        zip_write_u16(out_fd, member.flags) ||                        // general-purpose flags
-        zip_write_u16(out_fd, member.method) ||                       // compression method
-        zip_write_u16(out_fd, time_part) ||                           // modification time
-        zip_write_u16(out_fd, date_part) ||                           // modification date
-        zip_write_u32(out_fd, member.crc32) ||                        // CRC-32
-        zip_write_u32(out_fd, member.compressed_size) ||              // compressed size
-        zip_write_u32(out_fd, member.uncompressed_size) ||            // uncompressed size
-        zip_write_u16(out_fd, wrapped_name_length(member)) ||         // file name length
-        zip_write_u16(out_fd, 0) ||                                   // extra field length
-        zip_write_u16(out_fd, 0) ||                                   // file comment length
-        zip_write_u16(out_fd, 0) ||                                   // disk number start
-        zip_write_u16(out_fd, 0) ||                                   // internal attributes
-        zip_write_u32(out_fd, 0) ||                                   // external attributes
-        zip_write_u32(out_fd, member.local_header_offset))            // local header offset
-        return -1;
+    // An offset past 32 bits moves into a ZIP64 extra field; below that the
+    // record is the plain ZIP 2.0 one.
+    const bool zip64 = member.local_header_offset >= MAX_U32;
+    const uint32_t version = zip64 ? ZIP64_VERSION : static_cast<uint32_t>(member.version_needed);
+    record.u32(CENTRAL_SIGNATURE)                                     // central header signature
+        .u16(version)                                                 // version made by (host byte 0)
+        .u16(version)                                                 // version needed to extract
+        .u16(member.flags)                                            // general-purpose flags
+        .u16(member.method)                                           // compression method
+        .u16(member.dos_datetime & 0xffff)                            // modification time
+        .u16(member.dos_datetime >> 16)                               // modification date
+        .u32(member.crc32)                                            // CRC-32
+        .u32(member.compressed_size)                                  // compressed size
+        .u32(member.uncompressed_size)                                // uncompressed size
+        .u16(wrapped_name_length(member))                             // file name length
+        .u16(zip64 ? 4 + ZIP64_OFFSET_EXTRA_SIZE : 0)                 // extra field length
+        .u16(0)                                                       // file comment length
+        .u16(0)                                                       // disk number start
+        .u16(0)                                                       // internal attributes
+        .u32(0)                                                       // external attributes
+        .u32(zip64 ? MAX_U32 : static_cast<uint32_t>(member.local_header_offset));  // local header offset
     // Unlike the local header, the whole name follows even when its length
-    // wrapped; the directory size below counts it all.
-    return write_bytes(out_fd, member.name.data(), member.name.size());
+    // wrapped; the directory size counts it all.
+    record.bytes(member.name.data(), member.name.size());              // file name
+    if (zip64)
+        record.u16(ZIP64_EXTRA_ID)                                    // ZIP64 extra field tag
+            .u16(ZIP64_OFFSET_EXTRA_SIZE)                             // its data size
+            .u64(member.local_header_offset);                         // local header offset
 }
 
 }  // namespace
 
 // ---------------------------------------------------------------------------
-// Header fields: one byte per sink call, least significant first, so the
-// cipher sees exactly the plain ZIP stream.
+// Header fields: zip_write_u8/16/32 send one byte per sink call, least
+// significant first; the records below send the same bytes a record at a
+// time.
 // ---------------------------------------------------------------------------
 
 void zip_member_init(ZipMember *member, int32_t kind)
@@ -116,6 +148,14 @@ void zip_member_init(ZipMember *member, int32_t kind)
     member->kind = kind;
 }
 
+void zip_member_from_stat(ZipMember *member, const struct stat &status)
+{
+    const uint64_t size = status.st_size > 0 ? static_cast<uint64_t>(status.st_size) : 0;
+    member->cut = size > ZIP_MEMBER_LIMIT;
+    member->uncompressed_size = member->cut ? ZIP_MEMBER_LIMIT : static_cast<uint32_t>(size);
+    member->dos_datetime = static_cast<uint32_t>(status.st_mtime);
+}
+
 int zip_write_u8(int out_fd, uint32_t value)
 {
     if (out_fd < 0)
@@ -123,6 +163,20 @@ int zip_write_u8(int out_fd, uint32_t value)
     unsigned char byte = static_cast<unsigned char>(value & 0xff);
     return sink_write(&byte, 1, out_fd);
 }
+
+namespace {
+
+int write_little_endian(int out_fd, uint32_t value, int bytes)
+{
+    if (out_fd < 0)
+        return -1;
+    for (int i = 0; i < bytes; ++i, value >>= 8)
+        if (zip_write_u8(out_fd, value) != 0)
+            return -1;
+    return 0;
+}
+
+}  // namespace
 
 int zip_write_u16(int out_fd, uint32_t value)
 {
@@ -152,7 +206,7 @@ uint32_t zip_dos_datetime(time_t t)
 // Member lifecycle
 // ---------------------------------------------------------------------------
 
-int quelvane_z_output_local_file_header(int out_fd, ZipMember *member, uint32_t *total_written)
+int quelvane_z_output_local_file_header(int out_fd, ZipMember *member, uint64_t *total_written)
 {
     if (out_fd < 0 || member == nullptr || total_written == nullptr) {
         fprintf(stderr, "outfd=%d zep=%p total_written=%p\n", out_fd,
@@ -176,59 +230,96 @@ int quelvane_z_output_local_file_header(int out_fd, ZipMember *member, uint32_t 
     // CRC and sizes are not known until the data has streamed past, and the
     // output cannot be rewound: they are zero here and come in the data
     // descriptor (flag bit 3).
-    if (zip_write_u32(out_fd, LOCAL_HEADER_SIGNATURE) ||               // local header signature
-        zip_write_u16(out_fd, member->version_needed) ||               // version needed to extract
-        zip_write_u16(out_fd, member->flags) ||                        // general-purpose flags
-        zip_write_u16(out_fd, member->method) ||                       // compression method
-        zip_write_u16(out_fd, member->dos_datetime & 0xffff) ||        // modification time
-        zip_write_u16(out_fd, member->dos_datetime >> 16) ||           // modification date
-        zip_write_u32(out_fd, 0) ||                                    // CRC-32, in the descriptor
-        zip_write_u32(out_fd, 0) ||                                    // compressed size, ditto
-        zip_write_u32(out_fd, 0) ||                                    // uncompressed size, ditto
-        zip_write_u16(out_fd, name_length) ||                          // file name length
-        zip_write_u16(out_fd, 0) ||                                    // extra field length
-        write_bytes(out_fd, member->name.data(), name_length))         // file name
+    Record header;
+    header.u32(LOCAL_HEADER_SIGNATURE)                                // local header signature
+        .u16(member->version_needed)                                  // version needed to extract
+        .u16(member->flags)                                           // general-purpose flags
+        .u16(member->method)                                          // compression method
+        .u16(member->dos_datetime & 0xffff)                           // modification time
+        .u16(member->dos_datetime >> 16)                              // modification date
+        .u32(0)                                                       // CRC-32, in the descriptor
+        .u32(0)                                                       // compressed size, ditto
+        .u32(0)                                                       // uncompressed size, ditto
+        .u16(name_length)                                             // file name length
+        .u16(0)                                                       // extra field length
+        .bytes(member->name.data(), name_length);                     // file name
+    if (header.send(out_fd) != 0)
         return -1;
     *total_written += LOCAL_HEADER_SIZE + name_length;
     return 0;
 }
 
-int zip_finish_member(int out_fd, ZipMember *member, uint32_t *total_written)
+int zip_finish_member(int out_fd, ZipMember *member, uint64_t *total_written)
 {
     if (out_fd < 0 || member == nullptr || total_written == nullptr)
         return -1;
-    if (zip_write_u32(out_fd, DESCRIPTOR_SIGNATURE) ||                 // data descriptor signature
-        zip_write_u32(out_fd, member->crc32) ||                        // CRC-32
-        zip_write_u32(out_fd, member->compressed_size) ||              // compressed size
-        zip_write_u32(out_fd, member->uncompressed_size))              // uncompressed size
+    // Sizes always fit 32 bits: data stops at ZIP_MEMBER_LIMIT.
+    Record descriptor;
+    descriptor.u32(DESCRIPTOR_SIGNATURE)                              // data descriptor signature
+        .u32(member->crc32)                                           // CRC-32
+        .u32(member->compressed_size)                                 // compressed size
+        .u32(member->uncompressed_size);                              // uncompressed size
+    if (descriptor.send(out_fd) != 0)
         return -1;
     *total_written += DESCRIPTOR_SIZE;
     return zip_member_list_add(member);
 }
 
-int zip_finish_archive(int out_fd, uint32_t *total_written)
+int zip_finish_archive(int out_fd, uint64_t *total_written)
 {
     if (out_fd < 0 || total_written == nullptr)
         return -1;
-    uint32_t directory_offset = *total_written;
-    uint32_t directory_size = 0;
-    uint16_t count = 0;  // 16 bits in the end record; more members wrap
+    const uint64_t directory_offset = *total_written;
+    uint64_t directory_size = 0;
+    Record records;
     for (const ZipMember &member : members) {
-        if (write_central_record(out_fd, member) != 0)
-            return -1;
-        directory_size += CENTRAL_RECORD_SIZE + static_cast<uint32_t>(member.name.size());
-        ++count;
+        size_t before = records.size();
+        add_central_record(records, member);
+        directory_size += records.size() - before;
+        if (records.size() >= DIRECTORY_BUFFER) {
+            if (records.send(out_fd) != 0)
+                return -1;
+            records.clear();
+        }
     }
-    if (zip_write_u32(out_fd, END_SIGNATURE) ||                        // end record signature
-        zip_write_u16(out_fd, 0) ||                                    // number of this disk
-        zip_write_u16(out_fd, 0) ||                                    // disk of the directory
-        zip_write_u16(out_fd, count) ||                                // records on this disk
-        zip_write_u16(out_fd, count) ||                                // records in total
-        zip_write_u32(out_fd, directory_size) ||                       // directory size
-        zip_write_u32(out_fd, directory_offset) ||                     // directory offset
-        zip_write_u16(out_fd, 0))                                      // comment length
+    if (records.send(out_fd) != 0)
         return -1;
-    *total_written += directory_size + END_RECORD_SIZE;
+
+    // Past 65,534 members or 4 GiB the end record cannot say where the
+    // directory is: a ZIP64 end record and its locator go first, and the
+    // fields that overflow hold their all-ones marker.
+    const uint64_t count = members.size();
+    const uint64_t zip64_end_offset = directory_offset + directory_size;
+    const bool zip64 = count >= MAX_U16 || directory_size >= MAX_U32 || directory_offset >= MAX_U32;
+    Record end;
+    if (zip64) {
+        end.u32(ZIP64_END_SIGNATURE)                                  // ZIP64 end record signature
+            .u64(ZIP64_END_SIZE - 12)                                 // size of the rest of it
+            .u16(ZIP64_VERSION)                                       // version made by
+            .u16(ZIP64_VERSION)                                       // version needed to extract
+            .u32(0)                                                   // number of this disk
+            .u32(0)                                                   // disk of the directory
+            .u64(count)                                               // records on this disk
+            .u64(count)                                               // records in total
+            .u64(directory_size)                                      // directory size
+            .u64(directory_offset);                                   // directory offset
+        end.u32(ZIP64_LOCATOR_SIGNATURE)                              // ZIP64 locator signature
+            .u32(0)                                                   // disk of the ZIP64 end record
+            .u64(zip64_end_offset)                                    // its offset
+            .u32(1);                                                  // number of disks
+    }
+    const uint32_t short_count = zip64 && count >= MAX_U16 ? MAX_U16 : static_cast<uint32_t>(count);
+    end.u32(END_SIGNATURE)                                            // end record signature
+        .u16(0)                                                       // number of this disk
+        .u16(0)                                                       // disk of the directory
+        .u16(short_count)                                             // records on this disk
+        .u16(short_count)                                             // records in total
+        .u32(directory_size >= MAX_U32 ? MAX_U32 : static_cast<uint32_t>(directory_size))  // directory size
+        .u32(directory_offset >= MAX_U32 ? MAX_U32 : static_cast<uint32_t>(directory_offset))  // directory offset
+        .u16(0);                                                      // comment length
+    if (end.send(out_fd) != 0)
+        return -1;
+    *total_written += directory_size + END_RECORD_SIZE + (zip64 ? ZIP64_END_SIZE + ZIP64_LOCATOR_SIZE : 0);
     return 0;
 }
 
@@ -320,10 +411,20 @@ int zip_deflate_end()
 }
 
 int zip_deflate_chunk(ZipMember *member, int out_fd, const void *data, unsigned length, int flush,
-                      uint32_t *total_written)
+                      uint64_t *total_written)
 {
     if (member == nullptr || out_fd < 0 || data == nullptr || total_written == nullptr)
         return -1;
+    // Past the member limit the rest of the data is dropped: the member
+    // stays valid and the producer says in its ".err" member where it ended.
+    const uint64_t room = member->data_in < ZIP_MEMBER_LIMIT ? ZIP_MEMBER_LIMIT - member->data_in : 0;
+    if (length > room) {
+        length = static_cast<unsigned>(room);
+        member->cut = true;
+        if (length == 0 && flush != Z_FINISH)
+            return Z_OK;  // all dropped; deflate would call no input an error
+    }
+    member->data_in += length;
     stream.next_in = static_cast<Bytef *>(const_cast<void *>(data));
     stream.avail_in = length;
     // CRC on the input as it passes; a collected file keeps its stat size.
@@ -356,7 +457,7 @@ int zip_deflate_chunk(ZipMember *member, int out_fd, const void *data, unsigned 
     }
 }
 
-int zip_deflate_file(int out_fd, ZipMember *member, uint32_t *total_written, int *error_out)
+int zip_deflate_file(int out_fd, ZipMember *member, uint64_t *total_written, int *error_out)
 {
     if (error_out != nullptr)
         *error_out = 0;
@@ -364,10 +465,15 @@ int zip_deflate_file(int out_fd, ZipMember *member, uint32_t *total_written, int
         member->source_file == nullptr)
         return -1;
     FILE *source = member->source_file;
-    while (!feof(source)) {
+    // A file read up to the size it declared: a log that grows meanwhile is
+    // not chased to its moving end. Size 0 (/proc, /sys) means read to the end.
+    const bool sized = member->kind == MEMBER_FILE && member->uncompressed_size > 0;
+    uint64_t left = sized ? member->uncompressed_size : UINT64_MAX;
+    bool at_end = false;
+    while (!at_end) {
         errno = 0;
-        size_t count = fread(file_buffer, 1, sizeof file_buffer, source);
-        int flush = Z_NO_FLUSH;
+        size_t want = left < sizeof file_buffer ? static_cast<size_t>(left) : sizeof file_buffer;
+        size_t count = want > 0 ? fread(file_buffer, 1, want, source) : 0;
         if (ferror(source)) {
             if (errno != EINTR) {
                 int error = errno != 0 ? errno : EIO;
@@ -377,13 +483,17 @@ int zip_deflate_file(int out_fd, ZipMember *member, uint32_t *total_written, int
             }
             // Retry the interrupted read, keeping what came before it.
             clearerr(source);
-        } else if (feof(source)) {
-            flush = Z_FINISH;
         }
-        if (count == 0 && flush != Z_FINISH)
+        left -= count;
+        at_end = feof(source) || left == 0;
+        if (!at_end && member->data_in + count >= ZIP_MEMBER_LIMIT) {
+            member->cut = true;
+            at_end = true;
+        }
+        if (count == 0 && !at_end)
             continue;
         int result = zip_deflate_chunk(member, out_fd, file_buffer, static_cast<unsigned>(count),
-                                       flush, total_written);
+                                       at_end ? Z_FINISH : Z_NO_FLUSH, total_written);
         if (result != Z_OK && result != Z_STREAM_END) {
             // The chunk has printed a zlib message already; printing it
             // again here is intended.
@@ -395,7 +505,7 @@ int zip_deflate_file(int out_fd, ZipMember *member, uint32_t *total_written, int
 }
 
 int zip_deflate_fd(int out_fd, ZipMember *member, int source_fd, int final_flush,
-                   uint32_t *total_written)
+                   uint64_t *total_written)
 {
     if (out_fd < 0 || source_fd < 0 || member == nullptr || total_written == nullptr)
         return -1;

@@ -2,6 +2,8 @@
 #ifndef QUELVANE_ZIP_H
 #define QUELVANE_ZIP_H
 
+#include <sys/stat.h>
+
 #include <cstdint>
 #include <cstdio>
 #include <ctime>
@@ -21,6 +23,10 @@ enum : int32_t {
     ZIP_METHOD_DEFLATE = 8,
 };
 
+// No member holds more data than this: both 32-bit size fields of its data
+// descriptor must hold, and deflate may add a little to incompressible data.
+constexpr uint32_t ZIP_MEMBER_LIMIT = 0xFFC00000u;  // 4 GiB - 4 MiB
+
 // One archive member. Producers reset it (member = ZipMember{}) and fill it;
 // the writer completes CRC, sizes, offset and date.
 struct ZipMember {
@@ -33,19 +39,24 @@ struct ZipMember {
     uint32_t crc32 = 0;
     uint32_t compressed_size = 0;
     uint32_t uncompressed_size = 0;
-    uint32_t local_header_offset = 0;
+    uint64_t local_header_offset = 0;  // past 4 GiB the directory says so in ZIP64 form
     FILE *source_file = nullptr;
     int32_t kind = 0;
+    uint64_t data_in = 0;  // bytes handed to the deflate stream
+    bool cut = false;      // data stopped at ZIP_MEMBER_LIMIT
 };
 
 // The archive's running state: the offset of the next byte of the plain ZIP
 // stream. Every archive operation receives a pointer to it.
 struct ZipWriter {
-    uint32_t total_written = 0;
+    uint64_t total_written = 0;
 };
 
 // A fresh record of the given kind carrying the constants above.
 void zip_member_init(ZipMember *member, int32_t kind);
+// Size and time of a collected file, its size clamped (and marked cut) at
+// ZIP_MEMBER_LIMIT.
+void zip_member_from_stat(ZipMember *member, const struct stat &status);
 
 int zip_write_u32(int out_fd, uint32_t value);
 int zip_write_u16(int out_fd, uint32_t value);
@@ -54,9 +65,9 @@ uint32_t zip_dos_datetime(time_t t);
 
 // Member lifecycle: begin (local header), data (deflate), finish (descriptor
 // and a copy into the member list); once per archive: central directory.
-int quelvane_z_output_local_file_header(int out_fd, ZipMember *member, uint32_t *total_written);
-int zip_finish_member(int out_fd, ZipMember *member, uint32_t *total_written);
-int zip_finish_archive(int out_fd, uint32_t *total_written);
+int quelvane_z_output_local_file_header(int out_fd, ZipMember *member, uint64_t *total_written);
+int zip_finish_member(int out_fd, ZipMember *member, uint64_t *total_written);
+int zip_finish_archive(int out_fd, uint64_t *total_written);
 
 int zip_member_list_add(const ZipMember *member);
 void zip_member_list_free();
@@ -69,10 +80,10 @@ int zip_close_member_file(ZipMember *member);
 int zip_deflate_start();
 int zip_deflate_end();
 int zip_deflate_chunk(ZipMember *member, int out_fd, const void *data, unsigned length,
-                      int flush, uint32_t *total_written);
-int zip_deflate_file(int out_fd, ZipMember *member, uint32_t *total_written, int *error_out);
+                      int flush, uint64_t *total_written);
+int zip_deflate_file(int out_fd, ZipMember *member, uint64_t *total_written, int *error_out);
 int zip_deflate_fd(int out_fd, ZipMember *member, int source_fd, int final_flush,
-                   uint32_t *total_written);
+                   uint64_t *total_written);
 void zip_report_error(int code);
 
 #endif
