@@ -30,10 +30,20 @@ constexpr size_t MAX_PASSWORD = 63;
 // the letter is added here.
 const char OPTION_STRING[] = ":a:bCd:ef:hI:lL:no:p:P:qu:vy";
 
+// Thrown inside the option parser only: ends parsing with this exit status.
+struct StopParsing {
+    int status;
+};
+
+[[noreturn]] void stop(int status)
+{
+    throw StopParsing{status};
+}
+
 [[noreturn]] void refuse(const char *message)
 {
     fputs(message, stderr);
-    usage(1);
+    stop(1);
 }
 
 // A second use of a flag that may appear once.
@@ -57,23 +67,26 @@ void usage(int status)
     exit(status);
 }
 
-void quelvane_parse_options(int argc, char **argv, RunOptions *options)
+namespace {
+
+void parse_options(int argc, char **argv, RunOptions *options)
 {
     int seen_a = 0, seen_b = 0, seen_C = 0, seen_d = 0, seen_e = 0, seen_f = 0, seen_h = 0;
     int seen_I = 0, seen_l = 0, seen_L = 0, seen_n = 0, seen_o = 0, seen_P = 0, seen_q = 0;
     int seen_r = 0, seen_y = 0;
 
     opterr = 0;
+    optind = 0;  // a full restart of getopt, so the parser can be called again
     int option;
     while ((option = getopt(argc, argv, OPTION_STRING)) != -1) {
         switch (option) {
         case 'a': {
             if (seen_a)
-                usage(1);
+                stop(1);
             seen_a = 1;
             if (strchr(optarg, '/') != nullptr) {
                 fprintf(stderr, _("archive-name may not contain '/': '%s'\n"), optarg);
-                usage(1);
+                stop(1);
             }
             options->archive_name = optarg;
             options->archive_base = optarg;
@@ -84,6 +97,12 @@ void quelvane_parse_options(int argc, char **argv, RunOptions *options)
                 cut = options->archive_base.find(".zip.e");
             if (cut != std::string::npos)
                 options->archive_base.erase(cut);
+            // The base heads every member name: ".." would lead out of the
+            // directory an archive is unpacked in.
+            if (options->archive_base == "..") {
+                fprintf(stderr, _("archive-name may not name the parent directory: '%s'\n"), optarg);
+                stop(1);
+            }
             break;
         }
         case 'b':
@@ -105,7 +124,7 @@ void quelvane_parse_options(int argc, char **argv, RunOptions *options)
             break;
         case 'f':
             if (seen_f)
-                usage(1);
+                stop(1);
             seen_f = 1;
             options->config_path = optarg;
             break;
@@ -131,7 +150,7 @@ void quelvane_parse_options(int argc, char **argv, RunOptions *options)
             once(&seen_L, _("The -L flag has already been specified.\n"));
             options->dataset_letters = optarg;
             if (quelvane_config_parse_datasets(optarg, &options->datasets) == -1)
-                usage(1);
+                stop(1);
             break;
         case 'n':
             once(&seen_n, _("The -n flag has already been specified.\n"));
@@ -139,7 +158,7 @@ void quelvane_parse_options(int argc, char **argv, RunOptions *options)
             break;
         case 'o':
             if (seen_o)
-                usage(1);
+                stop(1);
             seen_o = 1;
             options->output_path = optarg;
             if (strcmp(optarg, "-") == 0)
@@ -153,12 +172,14 @@ void quelvane_parse_options(int argc, char **argv, RunOptions *options)
             if (strlen(optarg) > MAX_PASSWORD) {
                 fprintf(stderr, _("Maximum encryption password length is %d characters.\n"),
                         static_cast<int>(MAX_PASSWORD));
-                usage(1);
+                stop(1);
             }
             if (optarg[0] == '\0')
                 refuse(_("The encryption password may not be empty.\n"));
             options->password = optarg;
             options->have_password = true;
+            // Out of sight of ps and /proc/<pid>/cmdline from here on.
+            memset(optarg, 'x', strlen(optarg));
             break;
         case 'q':
             once(&seen_q, _("The -q flag has already been specified.\n"));
@@ -180,15 +201,15 @@ void quelvane_parse_options(int argc, char **argv, RunOptions *options)
             break;
         case ':':
             fprintf(stderr, _("Option -%c requires an argument\n"), optopt);
-            usage(1);
+            stop(1);
         default:
             fprintf(stderr, _("Option -%c is an unknown option\n"), optopt);
-            usage(1);
+            stop(1);
         }
     }
 
     if (seen_h)
-        usage(argc > 2 ? 1 : 0);
+        stop(argc > 2 ? 1 : 0);
     if (!seen_f)
         refuse(_("Missing required -f flag\n"));
     if (!seen_a)
@@ -219,6 +240,19 @@ void quelvane_parse_options(int argc, char **argv, RunOptions *options)
     }
 }
 
+}  // namespace
+
+int quelvane_parse_options(int argc, char **argv, RunOptions *options)
+{
+    try {
+        parse_options(argc, argv, options);
+        return -1;
+    } catch (const StopParsing &stopped) {
+        return stopped.status;
+    } catch (const std::bad_alloc &) {
+        return STATUS_OUT_OF_MEMORY;
+    }
+}
 // ---------------------------------------------------------------------------
 // Run driver
 // ---------------------------------------------------------------------------
@@ -231,7 +265,38 @@ struct RunState {
     int output_fd = 1;
     int keep_archive = 0;
     int collection_errors = 0;
+    struct stat opened = {};  // the output file this run created or truncated
 };
+
+// Standard output was closed when we started: descriptor 1 is /dev/null.
+bool stdout_was_closed;
+
+// Descriptors 0-2 that the caller closed are opened on /dev/null before
+// anything else can take their numbers (the lock file as our "stdout").
+void fill_standard_descriptors()
+{
+    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+        if (fcntl(fd, F_GETFD) != -1 || errno != EBADF)
+            continue;
+        if (fd == STDOUT_FILENO)
+            stdout_was_closed = true;
+        int null = open("/dev/null", O_RDWR);
+        if (null != fd && null != -1) {
+            dup2(null, fd);
+            close(null);
+        }
+    }
+}
+
+// Only the regular file this run opened is removed: never a device or
+// whatever else stands at the path now.
+void remove_output(const char *path, const struct stat &opened)
+{
+    struct stat now;
+    if (S_ISREG(opened.st_mode) && lstat(path, &now) == 0 && S_ISREG(now.st_mode) &&
+        now.st_dev == opened.st_dev && now.st_ino == opened.st_ino)
+        unlink(path);
+}
 
 // Everything between taking the lock and closing up: returns as soon as a
 // step ends the run, and the caller closes up.
@@ -269,6 +334,7 @@ void collect(RunOptions *options, RunState *run, char *password)
     bool have_password = false;
     if (options->have_password) {
         snprintf(password, MAX_PASSWORD + 1, "%s", options->password.c_str());
+        OPENSSL_cleanse(&options->password[0], options->password.size());
         have_password = true;
     } else if (options->password_fd != -1) {
         if (quelvane_password_from_fd(options->password_fd, password) == -1) {
@@ -298,13 +364,20 @@ void collect(RunOptions *options, RunState *run, char *password)
     if (sp_sw_down == 0 && uses_domain)
         mark_max_domains(&max_domains);
 
+    if (bui_download_mode && stdout_was_closed) {
+        // Never an archive written to whatever took descriptor 1.
+        run->status = 2;
+        fputs(_("Standard output is closed: nowhere to send the archive\n"), stderr);
+        return;
+    }
     if (!bui_download_mode) {
-        run->output_fd = open(output_path, O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        run->output_fd = open(output_path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
         if (run->output_fd == -1) {
             run->status = 1;
             fprintf(stderr, _("Unable to open output file: %s\n"), output_path);
             return;
         }
+        fstat(run->output_fd, &run->opened);
         // Printed even with -q: callers read the archive's path from it.
         printf(_("Collecting data into %s\n"), output_path);
     }
@@ -320,7 +393,10 @@ void collect(RunOptions *options, RunState *run, char *password)
         run->status = 2;
         return;
     }
-    if (encrypt_output && sink_encrypt_start(password, out) == -1) {
+    int started = encrypt_output ? sink_encrypt_start(password, out) : 0;
+    // The key is derived: the password has no further use.
+    OPENSSL_cleanse(password, MAX_PASSWORD + 1);
+    if (started == -1) {
         run->status = 2;
         fputs(_("Error starting encryption\n"), stderr);
         return;
@@ -411,7 +487,7 @@ int quelvane_run(RunOptions *options)
     if (!options->output_path.empty() && run.output_fd != 1 && run.output_fd != -1) {
         close(run.output_fd);
         if (!run.keep_archive)
-            unlink(options->output_path.c_str());
+            remove_output(options->output_path.c_str(), run.opened);
         else if (!quiet)
             fputs(_("Data collection complete\n"), stdout);
     }
@@ -595,6 +671,7 @@ int usb_prepare_device(const char *output_path, const char *usb_device)
 
 int quelvane_main(int argc, char **argv)
 {
+    fill_standard_descriptors();
     setlocale(LC_ALL, "");
     program_name = strdup(__xpg_basename(argv[0]));
     if (program_name == nullptr)
@@ -616,7 +693,11 @@ int quelvane_main(int argc, char **argv)
 
     try {
         RunOptions options;
-        quelvane_parse_options(argc, argv, &options);
+        int stopped = quelvane_parse_options(argc, argv, &options);
+        if (stopped == STATUS_OUT_OF_MEMORY)
+            return stopped;
+        if (stopped >= 0)
+            usage(stopped);
         return quelvane_run(&options);
     } catch (const std::bad_alloc &) {
         return STATUS_OUT_OF_MEMORY;

@@ -11,6 +11,8 @@
 #include <memory>
 #include <new>
 #include <strings.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "quelvane_util.h"
 
@@ -67,7 +69,9 @@ int parse_timeout(const char *text, int32_t *out)
     return 0;
 }
 
-std::string clean_member_name(const char *prefix, const char *name)
+// False for a name that still holds a ".." component once its leading dots
+// and slashes are dropped: it would lead out of the unpacked archive.
+bool clean_member_name(const char *prefix, const char *name, std::string *result)
 {
     size_t end = strlen(name);
     while (end > 0 && name[end - 1] == '/')
@@ -76,11 +80,20 @@ std::string clean_member_name(const char *prefix, const char *name)
     while (start < end && (name[start] == '.' || name[start] == '/'))
         start++;
 
-    std::string result = prefix;
-    if (!result.empty() && start < end)
-        result += '/';
-    result.append(name + start, end - start);
-    return result;
+    const std::string cleaned(name + start, end - start);
+    for (size_t from = 0; from <= cleaned.size();) {
+        size_t slash = cleaned.find('/', from);
+        if (slash == std::string::npos)
+            slash = cleaned.size();
+        if (cleaned.compare(from, slash - from, "..") == 0)
+            return false;
+        from = slash + 1;
+    }
+    *result = prefix;
+    if (!result->empty() && !cleaned.empty())
+        *result += '/';
+    *result += cleaned;
+    return true;
 }
 
 bool is_file_kind(uint32_t type)
@@ -274,7 +287,8 @@ int quelvane_config_parse_line(ConfigList *list, const char *line, const char *m
                     return -1;
                 have_attributes = true;
             } else if (!have_name) {
-                entry->member_name = clean_member_name(member_prefix, token);
+                if (!clean_member_name(member_prefix, token, &entry->member_name))
+                    return -1;
                 have_name = true;
             } else if (!have_path) {
                 if (token[0] != '/')
@@ -326,6 +340,20 @@ int quelvane_config_read_file(ConfigList *list, const char *path, const char *me
         errno = saved;
         perror(path);
         return -1;
+    }
+    // Every command in it runs as we do: like a key file, it must be ours
+    // (or root's) and not open to everyone's changes.
+    struct stat status;
+    if (fstat(fileno(fp.get()), &status) == 0) {
+        if (status.st_mode & S_IWOTH) {
+            fprintf(stderr, _("Config file %s is writable by other users; refusing to run it\n"), path);
+            return -1;
+        }
+        if (status.st_uid != 0 && status.st_uid != getuid()) {
+            fprintf(stderr, _("Config file %s belongs to user %d, neither root nor the caller; refusing to run it\n"),
+                    path, static_cast<int>(status.st_uid));
+            return -1;
+        }
     }
 
     // A physical line longer than the buffer arrives in pieces; each piece
@@ -474,6 +502,10 @@ int config_glob_next(ConfigEntry *entry)
 
 int quelvane_signal_setup()
 {
+    // A reader that went away or a file-size limit is an output failure
+    // like any other: the write fails, the run says so and cleans up.
+    if (signal(SIGPIPE, SIG_IGN) == SIG_ERR || signal(SIGXFSZ, SIG_IGN) == SIG_ERR)
+        return -1;
     // SIGALRM and the interrupt signals deliberately lack SA_RESTART so that
     // a blocking wait in the command runner returns with EINTR.
     if (install_action(SIGALRM, quelvane_signal_alarm, SA_SIGINFO) != 0)

@@ -48,6 +48,7 @@ char work_dir[PATH_BUFFER];
 char lock_dir_buffer[PATH_BUFFER];
 const char *held_lock_dir;  // null while no lock is held
 int lock_fd = -1;
+int lock_dir_fd = -1;  // the held lock directory, opened without following links
 
 // Paths and messages are cut at their buffer size, never overrun.
 __attribute__((format(printf, 3, 4))) void bounded(char *out, size_t size, const char *format, ...)
@@ -90,6 +91,39 @@ const char *work_directory()
 
 const char *lock_directory() { return held_lock_dir; }
 
+namespace {
+
+// Every non-hidden entry of the open directory goes; hidden files (the lock
+// itself) and subdirectories stay. Relative to the descriptor, so nothing
+// outside the directory we checked is touched.
+void clear_directory_fd(int dir_fd)
+{
+    int scan_fd = dup(dir_fd);
+    if (scan_fd == -1)
+        return;
+    std::unique_ptr<DIR, DirClose> dir(fdopendir(scan_fd));
+    if (!dir) {
+        close(scan_fd);
+        return;
+    }
+    while (const struct dirent *entry = readdir(dir.get())) {
+        if (entry->d_name[0] != '.')
+            unlinkat(dir_fd, entry->d_name, 0);
+    }
+}
+
+// The directory itself, never a link to one: the path lies in a directory
+// that everyone may write to.
+int open_real_directory(const char *directory)
+{
+    struct stat status;
+    if (lstat(directory, &status) != 0 || !S_ISDIR(status.st_mode))
+        return -1;
+    return open(directory, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+}
+
+}  // namespace
+
 int lock_instance(const char *name, char *error, size_t error_size)
 {
     char scratch[MESSAGE_BUFFER];
@@ -114,27 +148,37 @@ int lock_instance(const char *name, char *error, size_t error_size)
         umask(old_mask);
         return -1;
     }
-    int fd = open(lock_file, O_WRONLY | O_CREAT, 0666);
+    int dir_fd = open_real_directory(directory);
+    if (dir_fd == -1) {
+        bounded(error, error_size, "Refusing lock directory %s: not a real directory.", directory);
+        umask(old_mask);
+        return -1;
+    }
+    int fd = openat(dir_fd, ".lock", O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0666);
     if (fd == -1) {
         bounded(error, error_size, "Failed to open %s, errno=%d.", lock_file, errno);
         umask(old_mask);
+        close(dir_fd);
         return -1;
     }
     umask(old_mask);
 
     if (lockf(fd, F_TLOCK, 0) == 0) {
-        clear_directory(directory);
+        clear_directory_fd(dir_fd);
         bounded(lock_dir_buffer, sizeof lock_dir_buffer, "%s", directory);
         held_lock_dir = lock_dir_buffer;
+        lock_dir_fd = dir_fd;
         lock_fd = fd;
         return 0;
     }
-    if (errno == EAGAIN || errno == EACCES) {
+    int error_number = errno;
+    close(dir_fd);
+    if (error_number == EAGAIN || error_number == EACCES) {
         // The descriptor stays open: the process ends right after.
         bounded(error, error_size, "An instance of %s is already running.", name);
         return -1;
     }
-    bounded(error, error_size, "Failed to lock %s, errno=%d.", lock_file, errno);
+    bounded(error, error_size, "Failed to lock %s, errno=%d.", lock_file, error_number);
     close(fd);
     return -1;
 }
@@ -143,34 +187,27 @@ void unlock_instance()
 {
     if (held_lock_dir == nullptr)
         return;
-    char lock_file[PATH_BUFFER];
-    bounded(lock_file, sizeof lock_file, "%s/.lock", held_lock_dir);
-    clear_directory(held_lock_dir);
-    unlink(lock_file);
-    rmdir(held_lock_dir);
+    clear_directory_fd(lock_dir_fd);
+    unlinkat(lock_dir_fd, ".lock", 0);
+    rmdir(held_lock_dir);  // fails harmlessly if the path no longer is that directory
     held_lock_dir = nullptr;
+    close(lock_dir_fd);
+    lock_dir_fd = -1;
     if (lock_fd != -1) {
         close(lock_fd);
         lock_fd = -1;
     }
 }
 
-// Leftovers of an earlier run go; hidden files (the lock itself) and
-// subdirectories stay.
 void clear_directory(const char *directory)
 {
     if (directory == nullptr)
         return;
-    std::unique_ptr<DIR, DirClose> dir(opendir(directory));
-    if (!dir)
+    int dir_fd = open_real_directory(directory);
+    if (dir_fd == -1)
         return;
-    char path[PATH_BUFFER * 2];
-    while (const struct dirent *entry = readdir(dir.get())) {
-        if (entry->d_name[0] == '.')
-            continue;
-        bounded(path, sizeof path, "%s/%s", directory, entry->d_name);
-        unlink(path);
-    }
+    clear_directory_fd(dir_fd);
+    close(dir_fd);
 }
 
 int acquire_lock()
