@@ -355,9 +355,13 @@ public:
     RunningCommand &operator=(const RunningCommand &) = delete;
     ~RunningCommand()
     {
+        // The caller reports the failure that brought us here, not the
+        // grace period's interrupted sleep.
+        const int error = errno;
         set_timer(0);
         if (!done_)
             stop(nullptr);
+        errno = error;
     }
     void set_target(int target) { target_ = target; }
     pid_t pid() const { return pid_; }

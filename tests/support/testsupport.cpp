@@ -254,13 +254,13 @@ struct Cursor {
     bool ok = true;
 
     bool has(size_t n) const { return pos + n <= bytes.size(); }
-    uint32_t get(int width)
+    uint64_t get(int width)
     {
         if (!has(static_cast<size_t>(width))) {
             ok = false;
             return 0;
         }
-        uint32_t value = 0;
+        uint64_t value = 0;
         for (int i = width - 1; i >= 0; i--)
             value = value << 8 | static_cast<unsigned char>(bytes[pos + static_cast<size_t>(i)]);
         pos += static_cast<size_t>(width);
@@ -269,8 +269,9 @@ struct Cursor {
     uint32_t peek4() const
     {
         Cursor copy = *this;
-        return copy.get(4);
+        return static_cast<uint32_t>(copy.get(4));
     }
+    uint32_t get32(int width) { return static_cast<uint32_t>(get(width)); }
     std::string take(size_t n)
     {
         if (!has(n)) {
@@ -324,16 +325,16 @@ ZipArchive read_zip(const std::string &bytes)
 
     while (c.peek4() == 0x04034b50) {
         ZipEntry e;
-        e.offset = static_cast<uint32_t>(c.pos);
-        c.get(4);
-        e.version = static_cast<uint16_t>(c.get(2));
-        e.flags = static_cast<uint16_t>(c.get(2));
-        e.method = static_cast<uint16_t>(c.get(2));
-        uint32_t time = c.get(2);
-        uint32_t date = c.get(2);
+        e.offset = c.pos;
+        c.get32(4);
+        e.version = static_cast<uint16_t>(c.get32(2));
+        e.flags = static_cast<uint16_t>(c.get32(2));
+        e.method = static_cast<uint16_t>(c.get32(2));
+        uint32_t time = c.get32(2);
+        uint32_t date = c.get32(2);
         e.dos_datetime = date << 16 | time;
-        uint32_t crc = c.get(4), csize = c.get(4), usize = c.get(4);
-        uint32_t name_length = c.get(2), extra_length = c.get(2);
+        uint32_t crc = c.get32(4), csize = c.get32(4), usize = c.get32(4);
+        uint32_t name_length = c.get32(2), extra_length = c.get32(2);
         e.name = c.take(name_length);
         c.take(extra_length);
         if (!c.ok)
@@ -344,11 +345,11 @@ ZipArchive read_zip(const std::string &bytes)
         if (!inflate_raw(bytes, c.pos, &e.data, &consumed))
             return fail("bad deflate data in " + e.name);
         c.pos += consumed;
-        if (c.get(4) != 0x08074b50)
+        if (c.get32(4) != 0x08074b50)
             return fail("no data descriptor after " + e.name);
-        e.crc = c.get(4);
-        e.compressed_size = c.get(4);
-        e.declared_size = c.get(4);
+        e.crc = c.get32(4);
+        e.compressed_size = c.get32(4);
+        e.declared_size = c.get32(4);
         if (!c.ok)
             return fail("truncated data descriptor");
         uint32_t actual = static_cast<uint32_t>(
@@ -360,42 +361,68 @@ ZipArchive read_zip(const std::string &bytes)
                         ", data has " + std::to_string(consumed));
         archive.entries.push_back(e);
     }
-    uint32_t directory_offset = static_cast<uint32_t>(c.pos);
+    uint64_t directory_offset = c.pos;
     size_t index = 0;
     while (c.peek4() == 0x02014b50) {
-        c.get(4);
-        uint32_t made_by = c.get(2), version = c.get(2), flags = c.get(2), method = c.get(2);
-        uint32_t time = c.get(2), date = c.get(2);
-        uint32_t crc = c.get(4), csize = c.get(4), usize = c.get(4);
-        uint32_t name_length = c.get(2), extra_length = c.get(2), comment_length = c.get(2);
-        c.get(2);  // disk number
-        c.get(2);  // internal attributes
-        c.get(4);  // external attributes
-        uint32_t offset = c.get(4);
+        c.get32(4);
+        uint32_t made_by = c.get32(2), version = c.get32(2), flags = c.get32(2), method = c.get32(2);
+        uint32_t time = c.get32(2), date = c.get32(2);
+        uint32_t crc = c.get32(4), csize = c.get32(4), usize = c.get32(4);
+        uint32_t name_length = c.get32(2), extra_length = c.get32(2), comment_length = c.get32(2);
+        c.get32(2);  // disk number
+        c.get32(2);  // internal attributes
+        c.get32(4);  // external attributes
+        uint64_t offset = c.get32(4);
         std::string name = c.take(name_length);
-        c.take(extra_length + comment_length);
+        std::string extra = c.take(extra_length);
+        c.take(comment_length);
+        // A ZIP64 extra field carries the offset that no longer fits; then
+        // the record says version 4.5.
+        bool zip64 = offset == 0xffffffffu;
+        if (zip64) {
+            Cursor x{extra, 0};
+            if (x.get32(2) != 1 || x.get32(2) != 8 || (offset = x.get(8), !x.ok) || offset < 0xffffffffu)
+                return fail("bad ZIP64 extra field for " + name);
+        } else if (!extra.empty()) {
+            return fail("unexpected extra field for " + name);
+        }
+        const uint32_t want_version = zip64 ? 45 : 20;
         if (!c.ok)
             return fail("truncated central directory record");
         if (index >= archive.entries.size())
             return fail("central directory lists more members than the stream holds");
         const ZipEntry &e = archive.entries[index++];
         if (name != e.name || offset != e.offset || crc != e.crc || csize != e.compressed_size ||
-            usize != e.declared_size || version != e.version || made_by != e.version ||
+            usize != e.declared_size || version != want_version || made_by != want_version ||
+            e.version != 20 ||
             flags != e.flags || method != e.method || (date << 16 | time) != e.dos_datetime)
             return fail("central directory record of " + name + " disagrees with its local header");
     }
     if (index != archive.entries.size())
         return fail("central directory lists " + std::to_string(index) + " of " +
                     std::to_string(archive.entries.size()) + " members");
-    uint32_t directory_size = static_cast<uint32_t>(c.pos) - directory_offset;
-    if (c.get(4) != 0x06054b50)
+    uint64_t directory_size = c.pos - directory_offset;
+    // Past 65,534 members or 4 GiB: a ZIP64 end record and its locator,
+    // and all-ones in the end record's fields that overflow.
+    const bool zip64 = index >= 0xffff || directory_offset >= 0xffffffffu;
+    if (zip64) {
+        uint64_t zip64_offset = c.pos;
+        if (c.get32(4) != 0x06064b50 || c.get(8) != 44 || c.get32(2) != 45 || c.get32(2) != 45 ||
+            c.get32(4) != 0 || c.get32(4) != 0 || c.get(8) != index || c.get(8) != index ||
+            c.get(8) != directory_size || c.get(8) != directory_offset)
+            return fail("bad ZIP64 end record");
+        if (c.get32(4) != 0x07064b50 || c.get32(4) != 0 || c.get(8) != zip64_offset || c.get32(4) != 1)
+            return fail("bad ZIP64 locator");
+    }
+    if (c.get32(4) != 0x06054b50)
         return fail("no end record");
-    uint32_t disk = c.get(2), directory_disk = c.get(2), on_disk = c.get(2), total = c.get(2);
-    uint32_t size = c.get(4), offset = c.get(4), comment = c.get(2);
+    uint32_t disk = c.get32(2), directory_disk = c.get32(2), on_disk = c.get32(2), total = c.get32(2);
+    uint32_t size = c.get32(4), offset = c.get32(4), comment = c.get32(2);
     if (!c.ok)
         return fail("truncated end record");
-    if (disk != 0 || directory_disk != 0 || on_disk != total || total != (index & 0xffff) ||
-        size != directory_size || offset != directory_offset || comment != 0)
+    auto fits = [](uint64_t value, uint32_t all_ones) { return value >= all_ones ? all_ones : static_cast<uint32_t>(value); };
+    if (disk != 0 || directory_disk != 0 || on_disk != total || total != fits(index, 0xffff) ||
+        size != fits(directory_size, 0xffffffffu) || offset != fits(directory_offset, 0xffffffffu) || comment != 0)
         return fail("end record disagrees with the central directory");
     if (c.pos != bytes.size())
         return fail("bytes after the end record");

@@ -85,7 +85,7 @@ struct ZipEntry {
     uint32_t crc = 0;                 // from the descriptor
     uint32_t compressed_size = 0;     // from the descriptor
     uint32_t declared_size = 0;       // uncompressed size from the descriptor
-    uint32_t offset = 0;              // of the local header
+    uint64_t offset = 0;              // of the local header
 };
 
 struct ZipArchive {
