@@ -1,11 +1,14 @@
 # Quick start: 'make run' collects this machine, 'make test' runs every test.
 BUILD      ?= build
 ASAN_BUILD ?= build-asan
+FUZZ_BUILD ?= build-fuzz
+FUZZ_SECONDS ?= 300
+FUZZ_TEST_SECONDS ?= 30
 JOBS       ?= $(shell nproc 2>/dev/null || echo 2)
 RUN_DIR    ?= $(BUILD)/run
 CONF       ?= examples/quelvane.conf
 
-.PHONY: all deps build build-asan run test test-normal test-asan bench clean
+.PHONY: all deps build build-asan build-fuzz run test test-normal test-asan test-fuzz fuzz bench clean
 
 all: build
 
@@ -20,6 +23,10 @@ build-asan: deps
 	cmake -S . -B $(ASAN_BUILD) -DCMAKE_BUILD_TYPE=Debug -DQUELVANE_SANITIZE=ON >/dev/null
 	cmake --build $(ASAN_BUILD) -j $(JOBS)
 
+build-fuzz: deps
+	cmake -S . -B $(FUZZ_BUILD) -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_COMPILER=clang++ -DQUELVANE_FUZZ=ON >/dev/null
+	cmake --build $(FUZZ_BUILD) -j $(JOBS)
+
 # Collects this machine with the example configuration, every dataset, and
 # lists the archive it made.
 run: build
@@ -28,7 +35,7 @@ run: build
 	    -f $(CONF) -a collection.zip -o $(RUN_DIR)/collection.zip
 	unzip -l $(RUN_DIR)/collection.zip
 
-test: test-normal test-asan
+test: test-normal test-asan test-fuzz
 
 test-normal: build
 	cd $(BUILD) && ctest -j $(JOBS) --output-on-failure
@@ -36,8 +43,22 @@ test-normal: build
 test-asan: build-asan
 	cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=1 ctest -j $(JOBS) --output-on-failure
 
+# Both harnesses side by side, each for $(1) seconds; new inputs go to the build
+# directory, never into the seed corpus.
+run-fuzzers = mkdir -p $(FUZZ_BUILD)/found-config $(FUZZ_BUILD)/found-options && \
+	( $(FUZZ_BUILD)/fuzz_config -max_total_time=$(1) -close_fd_mask=3 -artifact_prefix=$(FUZZ_BUILD)/ -dict=fuzz/config.dict \
+	    $(FUZZ_BUILD)/found-config fuzz/corpus/config & \
+	  $(FUZZ_BUILD)/fuzz_options -max_total_time=$(1) -close_fd_mask=3 -artifact_prefix=$(FUZZ_BUILD)/ -dict=fuzz/options.dict \
+	    $(FUZZ_BUILD)/found-options fuzz/corpus/options; s=$$?; wait $$! && exit $$s )
+
+test-fuzz: build-fuzz
+	$(call run-fuzzers,$(FUZZ_TEST_SECONDS))
+
+fuzz: build-fuzz
+	$(call run-fuzzers,$(FUZZ_SECONDS))
+
 bench: build
 	bench/run-bench $(BUILD)
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD)

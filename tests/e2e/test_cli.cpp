@@ -43,6 +43,7 @@ const struct { Args args; std::string message; int status; } REFUSALS[] = {
     {{"-b", "-b", "-Z"}, "The -b flag has already been specified.\n", 1},
     {{"-v", "-o"}, "Option -o requires an argument\n", 1},
     {{"-a", "/x"}, "archive-name may not contain '/': '/x'\n", 1},
+    {{"-a", "...zip"}, "archive-name may not name the parent directory: '...zip'\n", 1},
     {req({"-a", "y"}), "", 1},
     {req({"-f", "y"}), "", 1},
     {req({"-o", "y"}), "", 1},

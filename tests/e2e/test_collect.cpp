@@ -181,15 +181,17 @@ TEST(Collect, DatasetSelection)
 
 // One run, time-outs of 1 s: a command pouring out zeros past its time-out with a
 // background sleep in its group, one ignoring SIGTERM, one leaving a child on its pipes;
-// then 400 KB on standard error and 100 MB on standard output, in flat memory.
+// then 400 KB on standard error and 100 MB on standard output, in flat memory. Standard
+// error past the cap keeps our own lines after it (time-out, exit) and no more.
 TEST(Commands, TimeOutsGroupsAndFloods)
 {
     qt::TempDir dir;
     const std::string stamp = "date +%s.%N >> " + dir.file("stamps") + "\n", noise = dir.file("noise");
-    script(dir, "slow", stamp + "sleep 30 &\necho $! > " + dir.file("sleep.pid") + "\necho noted >&2\ncat /dev/zero\n");
+    const std::string past_cap = "head -c 300000 /dev/zero | tr '\\0' ";  // then a letter, then >&2
+    script(dir, "slow", stamp + "sleep 30 &\necho $! > " + dir.file("sleep.pid") + "\n" + past_cap + "n >&2\ncat /dev/zero\n");
     script(dir, "deaf", stamp + "trap '' TERM\necho $$ > " + dir.file("deaf.pid") + "\nwhile :; do sleep 0.2; done\n");
     script(dir, "leaves", stamp + "sleep 30 &\necho $! > " + dir.file("child.pid") +
-                              "\necho started; echo warned >&2\n");
+                              "\necho started; " + past_cap + "w >&2; exit 3\n");
     script(dir, "flood", stamp + "head -c 409600 /dev/urandom > " + noise + "\ndd if=" + noise +
                              " bs=1024 status=none >&2\nseq 1 20000000 | head -c $1\n");  // the cap met exactly
     std::string config, console = "Collecting data into " + dir.file("out.zip") + "\nSending README File\n"
@@ -199,7 +201,9 @@ TEST(Commands, TimeOutsGroupsAndFloods)
         config += "cmd i," + std::string(arg.empty() ? "1" : "60") + ",y,n " + name + " " + dir.file(name) + arg +
                   "\n";
         console += "Starting Command: " + dir.file(name) + arg + "\nCommand '" + dir.file(name) +
-                   (name == "slow" || name == "deaf" ? "' timed out\n" : "' exited normally\n");
+                   (name == "slow" || name == "deaf" ? "' timed out\n"
+                    : name == "leaves"                  ? "' exited with 3: No such process\n"
+                                                        : "' exited normally\n");
     }
     Collected c = collect(dir, config, "out.zip", {"-v", "-L", "i"});
     const bool sleep_runs = running(dir.file("sleep.pid")), deaf_runs = running(dir.file("deaf.pid"));
@@ -224,8 +228,10 @@ TEST(Commands, TimeOutsGroupsAndFloods)
     const qt::ZipEntry *zeros = c.zip.find(named("slow", ".out"));
     expect_members(c, config, {
         {named("slow", ".out"), std::string(zeros != nullptr ? std::max<size_t>(1, zeros->data.size()) : 1, '\0')},
-        {named("slow", ".err"), "noted\n" + term}, {named("deaf", ".out"), ""}, {named("deaf", ".err"), term},
-        {named("leaves", ".out"), "started\n"}, {named("leaves", ".err"), "warned\n"},
+        // Our own lines follow the capture even when it filled the chain.
+        {named("slow", ".err"), std::string(262144, 'n') + term}, {named("deaf", ".out"), ""},
+        {named("deaf", ".err"), term}, {named("leaves", ".out"), "started\n"},
+        {named("leaves", ".err"), std::string(262144, 'w') + "QUELVANE MSG: Child exited with 3: No such process\n"},
         {named("flood", "_104857600.out"),
          qt::run_program("/bin/sh", {"-c", "seq 1 20000000 | head -c 104857600"}).out},
         {named("flood", "_104857600.err"), written.substr(0, 262144)}});

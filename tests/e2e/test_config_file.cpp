@@ -1,4 +1,6 @@
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "testsupport.h"
 
@@ -47,5 +49,23 @@ TEST(ConfigFile, BadLinesAreReportedAndSkipped)
         EXPECT_NE(zip.entries.at(0).data.find(std::string("LOG-ONLY MODE: ") + c.log_only + "\n"),
                   std::string::npos);
         EXPECT_EQ(qt::check_real_readers(dir.file("x.zip")), "");
+    }
+}
+
+// Its commands run as we do: a file that other users may change, or that belongs to
+// someone other than root or the caller, is refused like a configuration that is missing.
+TEST(ConfigFile, OneOthersMayChangeIsRefused)
+{
+    qt::TempDir dir;
+    ASSERT_TRUE(qt::write_file(dir.file("c.conf"), "cmd i,-,y,n n /bin/true\n"));
+    const struct { unsigned mode; uid_t owner; std::string why; } cases[] = {
+        {0666, 0, "is writable by other users"},
+        {0600, 12345, "belongs to user 12345, neither root nor the caller"}};
+    for (const auto &c : cases) {
+        ASSERT_EQ(chmod(dir.file("c.conf").c_str(), c.mode) | chown(dir.file("c.conf").c_str(), c.owner, 0), 0);
+        qt::RunResult r = qt::run_quelvane(dir, {"-f", "c.conf", "-a", "x.zip", "-o", "x.zip", "-L", "i"});
+        EXPECT_EQ(r.status, 6);
+        EXPECT_EQ(r.err, "Config file c.conf " + c.why + "; refusing to run it\nError reading config file: c.conf\n");
+        EXPECT_FALSE(qt::file_exists(dir.file("x.zip")));
     }
 }

@@ -12,6 +12,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <ctime>
 #include <random>
 #include <thread>
 
@@ -241,4 +243,52 @@ TEST(Faults, HugeOutputIsCut)
     for (size_t i = 0; i < readers.size(); ++i)
         EXPECT_EQ(got[i].status, 0) << readers[i][0] << ": " << got[i].err;
     EXPECT_EQ(got[3].out, "1\nQUELVANE MSG: Data cut at 4290772992 bytes, the largest member an archive holds\n");
+}
+
+// SIGINT, SIGTERM or SIGHUP at random moments of real runs in both output modes: always
+// status 0 or 5, no file left after 5, the lock free, no process of the run left, and
+// every archive that is kept (or was sent) valid.
+TEST(Faults, InterruptsAtRandomMoments)
+{
+    qt::TempDir data;
+    ASSERT_TRUE(qt::write_file(data.file("log"), std::string(1 << 20, 'x')));
+    const std::string config = "cmd i,5,y,n a /bin/echo a\ncmd i,5,y,n s /bin/sleep 0.2\nfile i,-,y,y f " +
+                               data.file("log") + "\ncmd i,5,y,n d /bin/dd if=/dev/urandom bs=64k count=8\n"
+                               "log i,-,y,n l " + data.file("*") + "\ncmd i,5,y,n e /bin/echo e\n";
+    std::mt19937 random(static_cast<unsigned>(time(nullptr)));
+    std::vector<std::pair<int, int>> moments;  // signal, microseconds after the lock is taken
+    for (int i = 0; i < 60; ++i)
+        moments.push_back({std::vector<int>{SIGINT, SIGTERM, SIGHUP}[random() % 3], static_cast<int>(random() % 600000)});
+    std::atomic<size_t> next{0};
+    auto work = [&] {
+        for (size_t i; (i = next++) < moments.size();) {
+            const bool download = i % 2 == 1;
+            SCOPED_TRACE("signal " + std::to_string(moments[i].first) + " at " + std::to_string(moments[i].second) +
+                         " us, " + (download ? "download" : "file"));
+            qt::TempDir dir;
+            qt::RunSpec job;
+            job.during = [&](pid_t pid) {
+                for (int n = 0; n < 2000 && !qt::file_exists(dir.file("home/quelvane_tmp/quelvane.quelvane")); ++n)
+                    usleep(1000);
+                usleep(static_cast<useconds_t>(moments[i].second));
+                kill(pid, moments[i].first);
+            };
+            qt::RunResult r = collect(dir, config, download ? "-" : dir.file("out.zip"), job);
+            EXPECT_TRUE(r.status == 0 || r.status == 5) << r.status << " " << r.err;
+            EXPECT_TRUE(lock_free(dir));
+            EXPECT_EQ(left_running(dir.path()), "");
+            EXPECT_FALSE(!download && r.status == 5 && qt::file_exists(dir.file("out.zip")));
+            const std::string kept = download ? dir.file("sent.zip") : dir.file("out.zip");
+            ASSERT_TRUE(!download || qt::write_file(kept, r.out));
+            if (download || r.status == 0) {
+                EXPECT_EQ(qt::read_zip(qt::read_file(kept)).error, "");
+                EXPECT_EQ(qt::check_real_readers(kept), "");
+            }
+        }
+    };
+    std::vector<std::thread> workers;
+    for (int w = 0; w < 6; ++w)
+        workers.emplace_back(work);
+    for (std::thread &t : workers)
+        t.join();
 }
