@@ -177,4 +177,33 @@ TEST(Archive, NoMembersAndLongNames)
     }
 }
 
+// Members past 4 GiB: the output file starts with a 5 GiB hole, so that the stream's offsets
+// are the file's; their central records and the end take ZIP64 form, which real readers
+// follow without reading the hole.
+TEST(Archive, OffsetsPast4GiBTakeZip64)
+{
+    qt::TempDir dir;
+    const std::string path = dir.file("far.zip");
+    zip_member_list_free();
+    uint64_t total = 5ull << 30;
+    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    ASSERT_EQ(lseek(fd, static_cast<off_t>(total), SEEK_SET), static_cast<off_t>(total));
+    for (const char *name : {"a", "b/c", "d"}) {
+        ZipMember member;
+        zip_member_init(&member, MEMBER_GENERATED);
+        member.name = name;
+        ASSERT_EQ(quelvane_z_output_local_file_header(fd, &member, &total), 0);
+        ASSERT_EQ(zip_deflate_chunk(&member, fd, name, 1, Z_FINISH, &total), Z_STREAM_END);
+        ASSERT_EQ(zip_finish_member(fd, &member, &total), 0);
+    }
+    ASSERT_EQ(zip_finish_archive(fd, &total), 0);
+    EXPECT_EQ(static_cast<off_t>(total), lseek(fd, 0, SEEK_CUR));
+    close(fd);
+    const std::string script = "unzip -tq \"$0\" && bsdtar -xOf \"$0\" && python3 -c 'import sys, zipfile\n"
+                               "z = zipfile.ZipFile(sys.argv[1])\nprint(*(z.read(n).decode() for n in z.namelist()))' \"$0\"";
+    qt::RunResult r = qt::run_program("/bin/sh", {"-c", script, path});
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out, "No errors detected in compressed data of " + path + ".\nabda b d\n");
+}
+
 }  // namespace
