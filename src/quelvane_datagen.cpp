@@ -37,13 +37,22 @@ std::unique_ptr<EVP_CIPHER_CTX, CipherContextFree> cipher;
 unsigned char staging[CIPHER_PIECE + 32];
 int staging_count;
 
+// Writes all of it, retrying after EINTR. A short count goes on with the
+// rest: a record that meets a full device or a file-size limit then fails
+// with that error instead of passing for written.
 ssize_t write_retrying(int fd, const void *data, size_t length)
 {
-    ssize_t written;
-    do {
-        written = write(fd, data, length);
-    } while (written == -1 && errno == EINTR);
-    return written;
+    const char *bytes = static_cast<const char *>(data);
+    size_t done = 0;
+    while (done < length) {
+        ssize_t written = write(fd, bytes + done, length - done);
+        if (written == -1 && errno == EINTR)
+            continue;
+        if (written <= 0)
+            return -1;
+        done += static_cast<size_t>(written);
+    }
+    return static_cast<ssize_t>(done);
 }
 
 }  // namespace
@@ -74,8 +83,6 @@ int sink_encrypt_start(const char *password, int out_fd)
         return -1;
 
     if (out_fd >= 0) {
-        // A short count is taken as success: the output is a regular file
-        // or a blocking pipe.
         if (write_retrying(out_fd, ENCRYPTED_MAGIC, sizeof ENCRYPTED_MAGIC - 1) == -1 ||
             write_retrying(out_fd, salt, sizeof salt) == -1) {
             cipher.reset();
@@ -120,8 +127,6 @@ int sink_write(const void *data, size_t length, int out_fd)
             int error = errno;  // before the catalogue lookup can touch it
             fprintf(stderr, "%s: %s\n", _("Error writing data file"), strerror(error));
         }
-        // A short count is taken as done: the rest of the piece is not
-        // written again.
     }
     return last == -1 ? -1 : 0;
 }

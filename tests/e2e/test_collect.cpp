@@ -281,3 +281,26 @@ TEST(Commands, InterruptStopsTheRunAndTheCommandGroup)
         }
     }
 }
+
+// Download mode holds nothing back while a command runs: the header and every finished
+// member reach the reader before the slow command that follows them ends.
+TEST(Commands, FinishedMembersReachTheReaderAtOnce)
+{
+    qt::TempDir dir;
+    std::string early;
+    qt::RunSpec job;
+    job.during = [&](pid_t pid) {
+        usleep(1500000);  // the sleep below has begun, and has 1.5 s to go
+        early = qt::read_file("/proc/" + std::to_string(pid) + "/fd/1");
+    };
+    Collected c = collect(dir, "cmd i,-,y,n one /bin/echo first\ncmd i,-,y,n two /bin/sleep 3\n", "-",
+                          {"-b", "-L", "i"}, job);
+    ASSERT_EQ(c.run.status, 0);
+    const size_t header = c.run.out.find("\n\n") + 2;  // the download header's end
+    const qt::ZipArchive zip = qt::read_zip(c.run.out.substr(header));
+    ASSERT_EQ(zip.entries.size(), 4u) << zip.error;
+    // Everything up to the second command's local header, and nothing of its data yet.
+    const qt::ZipEntry &second = zip.entries[3];
+    EXPECT_EQ(early.size(), header + second.offset + 30 + second.name.size());
+    EXPECT_EQ(early, c.run.out.substr(0, early.size()));
+}

@@ -2,6 +2,8 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <sys/resource.h>
+#include <functional>
 #include <random>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -108,7 +110,11 @@ TEST(Archive, EverySourcePlainAndEncryptedAtBothLevels)
         for (int encrypt : {0, 1})
             ASSERT_EQ(in_child(encrypt ? locked : plain, encrypt,
                                [&](int fd) { return write_sample(fd, dir.file("source"), level_zero), 0; }), 0);
-        // The sealed archive opens to the plain one byte for byte; that is what the readers get.
+        // The bytes of the field-by-field writer, on every build and target; the sealed archive
+        // opens to them byte for byte, and that is what the readers get.
+        EXPECT_EQ(qt::run_program("/usr/bin/sha256sum", {plain}).out.substr(0, 64),
+                  level_zero ? "16ad484934842ee78c6d7572584999daa056e92ca3848892c979bc32bb0be2a0"
+                             : "baccd901978635901be9715374efaeb63b78219a3ce9660585010e93c3398566");
         ASSERT_EQ(qt::openssl_decrypt(locked, PASSWORD, opened), "");
         EXPECT_TRUE(qt::read_file(opened) == qt::read_file(plain));
         qt::ZipArchive archive = qt::read_zip(qt::read_file(opened));
@@ -175,6 +181,63 @@ TEST(Archive, NoMembersAndLongNames)
         EXPECT_EQ(le(end + 12) | le(end + 14) << 16, 46 + length);  // directory size
         EXPECT_EQ(le(end + 16) | le(end + 18) << 16, central);      // directory offset
     }
+}
+
+// A write that fails inside a local header, a data descriptor, the central directory or
+// the end record (a file-size limit set there) returns -1 after the sink's message, and
+// leaves the running count where it was.
+TEST(Archive, AFailedRecordLeavesTheCountAlone)
+{
+    qt::TempDir dir;
+    ASSERT_EQ(0, in_child(dir.file("limited.zip"), 0, [&](int fd) {
+        signal(SIGXFSZ, SIG_IGN);
+        ZipMember member;
+        auto begin = [&](int out, uint64_t *total) {
+            zip_member_init(&member, MEMBER_GENERATED);
+            member.name = "member";
+            return quelvane_z_output_local_file_header(out, &member, total);
+        };
+        auto data = [&](int out, uint64_t *total) {
+            return zip_deflate_chunk(&member, out, "data", 4, Z_FINISH, total) == Z_STREAM_END ? 0 : -1;
+        };
+        auto finish = [&](int out, uint64_t *total) { return zip_finish_member(out, &member, total); };
+        auto close_up = [&](int out, uint64_t *total) { return zip_finish_archive(out, total); };
+        const std::vector<std::function<int(int, uint64_t *)>> calls = {begin, data, finish, begin, data, finish, close_up};
+        std::vector<uint64_t> starts;  // where each call's bytes begin
+        uint64_t total = 0;
+        int null = open("/dev/null", O_WRONLY);
+        zip_member_list_free();
+        for (const auto &call : calls)
+            EXPECT_EQ((starts.push_back(total), call(null, &total)), 0);
+        // Inside: the first header, the first descriptor, the second header, the directory, the end.
+        for (uint64_t limit : {starts[0] + 3, starts[2] + 3, starts[3] + 3, starts[6] + 3, total - 3}) {
+            SCOPED_TRACE(limit);
+            struct rlimit fsize = {static_cast<rlim_t>(limit), RLIM_INFINITY};
+            EXPECT_EQ(ftruncate(fd, 0) | static_cast<int>(lseek(fd, 0, SEEK_SET)) | setrlimit(RLIMIT_FSIZE, &fsize), 0);
+            zip_member_list_free();
+            uint64_t count = 0;
+            size_t call = 0;
+            int fds[2];  // standard error into a pipe, which the limit does not reach
+            EXPECT_EQ(pipe(fds), 0);
+            const int saved = dup(2);
+            dup2(fds[1], 2);
+            while (call < calls.size() && calls[call](fd, &count) == 0)
+                ++call;
+            dup2(saved, 2);
+            close(fds[1]);
+            char said[200] = {};
+            EXPECT_GT(read(fds[0], said, sizeof said - 1), 0);
+            close(fds[0]);
+            if (call == calls.size()) {
+                ADD_FAILURE() << "no call failed";
+                continue;
+            }
+            EXPECT_TRUE(starts[call] <= limit && (call + 1 == calls.size() || limit < starts[call + 1]));
+            EXPECT_EQ(count, starts[call]);
+            EXPECT_STREQ(said, "Error writing data file: File too large\n");
+        }
+        return 0;
+    }));
 }
 
 // Members past 4 GiB: the output file starts with a 5 GiB hole, so that the stream's offsets
