@@ -430,17 +430,14 @@ void collect(RunOptions *options, RunState *run, char *password)
         else
             fputc('\n', stderr);
         run->status = 2;
-        run->keep_archive = 0;
         return;
     }
     if (walked == -1) {
         // The archive is still completed, then removed.
         run->status = 5;
         fputs(_("Data capture interrupted by user.  Attempting to remove archive.\n"), stderr);
-        run->keep_archive = 0;
     } else {
         run->collection_errors = walked;
-        run->keep_archive = 1;
         print_progress(_("Completing ZIP archive\n"));
     }
 
@@ -459,6 +456,8 @@ void collect(RunOptions *options, RunState *run, char *password)
         fputs(_("Error closing compression stream\n"), stderr);
         return;
     }
+    // Kept only once it is complete: a failure above leaves no partial file.
+    run->keep_archive = walked >= 0;
 }
 
 }  // namespace

@@ -37,6 +37,14 @@ std::unique_ptr<EVP_CIPHER_CTX, CipherContextFree> cipher;
 unsigned char staging[CIPHER_PIECE + 32];
 int staging_count;
 
+// Archive bytes gather here and leave in large writes: when the buffer is
+// full, and at sink_flush, which runs wherever a reader could otherwise wait
+// for them (before we wait on a command, at the archive's end).
+constexpr size_t PENDING_SIZE = 64 * 1024;
+unsigned char pending[PENDING_SIZE];
+size_t pending_count;
+int pending_fd = -1;
+
 // Writes all of it, retrying after EINTR. A short count goes on with the
 // rest: a record that meets a full device or a file-size limit then fails
 // with that error instead of passing for written.
@@ -55,6 +63,36 @@ ssize_t write_retrying(int fd, const void *data, size_t length)
     return static_cast<ssize_t>(done);
 }
 
+int write_out(int fd, const void *bytes, size_t count)
+{
+    if (write_retrying(fd, bytes, count) != -1)
+        return 0;
+    int error = errno;  // before the catalogue lookup can touch it
+    fprintf(stderr, "%s: %s\n", _("Error writing data file"), strerror(error));
+    errno = error;
+    return -1;
+}
+
+int flush_pending()
+{
+    const size_t count = pending_count;
+    pending_count = 0;
+    return count == 0 ? 0 : write_out(pending_fd, pending, count);
+}
+
+int send(int out_fd, const void *bytes, size_t count)
+{
+    if (pending_count > 0 && (out_fd != pending_fd || pending_count + count > PENDING_SIZE) &&
+        flush_pending() != 0)
+        return -1;
+    if (count >= PENDING_SIZE)
+        return write_out(out_fd, bytes, count);
+    memcpy(pending + pending_count, bytes, count);
+    pending_count += count;
+    pending_fd = out_fd;
+    return 0;
+}
+
 }  // namespace
 
 int sink_encrypt_start(const char *password, int out_fd)
@@ -66,6 +104,10 @@ int sink_encrypt_start(const char *password, int out_fd)
     if (encryption_active)
         return 0;
 
+    // The archive's format is fixed: no system configuration may change the
+    // cipher or digest (or make MD5 unavailable), and not reading it keeps
+    // a megabyte of provider set-up out of memory.
+    OPENSSL_init_crypto(OPENSSL_INIT_NO_LOAD_CONFIG, nullptr);
     cipher.reset(EVP_CIPHER_CTX_new());
     if (!cipher)
         return -1;
@@ -83,7 +125,7 @@ int sink_encrypt_start(const char *password, int out_fd)
         return -1;
 
     if (out_fd >= 0) {
-        if (write_retrying(out_fd, ENCRYPTED_MAGIC, sizeof ENCRYPTED_MAGIC - 1) == -1 ||
+        if (flush_pending() != 0 || write_retrying(out_fd, ENCRYPTED_MAGIC, sizeof ENCRYPTED_MAGIC - 1) == -1 ||
             write_retrying(out_fd, salt, sizeof salt) == -1) {
             cipher.reset();
             return -1;
@@ -101,8 +143,7 @@ int sink_write(const void *data, size_t length, int out_fd)
         return -1;
 
     const unsigned char *input = static_cast<const unsigned char *>(data);
-    ssize_t last = 0;
-    while (length > 0 && last != -1) {
+    while (length > 0) {
         const void *bytes;
         size_t count;
         if (encrypt_output) {
@@ -120,15 +161,16 @@ int sink_write(const void *data, size_t length, int out_fd)
             count = length;
             length = 0;
         }
-        if (count == 0)  // the cipher holds the bytes back for the next block
-            break;
-        last = write_retrying(out_fd, bytes, count);
-        if (last == -1) {
-            int error = errno;  // before the catalogue lookup can touch it
-            fprintf(stderr, "%s: %s\n", _("Error writing data file"), strerror(error));
-        }
+        // Nothing when the cipher holds the bytes back for the next block.
+        if (count > 0 && send(out_fd, bytes, count) != 0)
+            return -1;
     }
-    return last == -1 ? -1 : 0;
+    return 0;
+}
+
+int sink_flush(int out_fd)
+{
+    return out_fd < 0 ? -1 : flush_pending();
 }
 
 int sink_encrypt_finish(int out_fd)
@@ -139,7 +181,7 @@ int sink_encrypt_finish(int out_fd)
         return -1;
     if (out_fd < 0)
         return -1;
-    ssize_t written = write_retrying(out_fd, staging, static_cast<size_t>(staging_count));
+    ssize_t written = flush_pending() == 0 ? write_retrying(out_fd, staging, static_cast<size_t>(staging_count)) : -1;
     cipher.reset();
     return written == -1 ? -1 : 0;
 }
@@ -312,6 +354,12 @@ void read_stderr(int fd, const char *format)
 // Runs in the forked child; never returns.
 [[noreturn]] void run_child(const ConfigEntry *entry, Pipe &out_pipe, Pipe &err_pipe, Pipe &sync_pipe)
 {
+    // Default actions before the parent can signal us: a SIGTERM that came
+    // before exec must not find our handler, which would ignore the next one
+    // for the command too. We ignore SIGPIPE and SIGXFSZ to see failed writes
+    // as errors; a command's pipeline (yes | head) relies on them.
+    for (int signo : {SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGALRM, SIGCHLD, SIGPIPE, SIGXFSZ})
+        signal(signo, SIG_DFL);
     char pgid_text[32] = {};
     auto keep_as = [](int fd, int target) {
         if (fd == target)
@@ -333,10 +381,6 @@ void read_stderr(int fd, const char *format)
         for (long fd = STDERR_FILENO + 1, top = sysconf(_SC_OPEN_MAX); fd < top && fd < 65536; ++fd)
             close(static_cast<int>(fd));
     }
-    // We ignore these to see failed writes as errors; a command's pipeline
-    // (yes | head) relies on them.
-    signal(SIGPIPE, SIG_DFL);
-    signal(SIGXFSZ, SIG_DFL);
 
     execl("/bin/sh", "sh", "-c", entry->command.c_str(), static_cast<char *>(nullptr));
     int error = errno;
@@ -467,7 +511,9 @@ int quelvane_execute_command(int out_fd, ConfigEntry *entry, ZipWriter *archive,
         perror("setitimer");
         return -1;
     }
-    if (quelvane_z_output_local_file_header(out_fd, &out_member, &archive->total_written) != 0) {
+    // Everything so far reaches the reader before we wait on the command.
+    if (quelvane_z_output_local_file_header(out_fd, &out_member, &archive->total_written) != 0 ||
+        sink_flush(out_fd) != 0) {
         perror("quelvane_z_output_local_file_header");
         return -2;
     }
@@ -814,7 +860,8 @@ int datagen_write_readme(int out_fd, const char *archive_name, const char *confi
             fputs(_("Error buffering README\n"), stderr);
             return -1;
         }
-        return write_chain_member(out_fd, &text, &member, archive) == 0 ? 0 : -2;
+        // Sent at once, so that an output that fails shows here.
+        return write_chain_member(out_fd, &text, &member, archive) == 0 && sink_flush(out_fd) == 0 ? 0 : -2;
     } catch (const std::bad_alloc &) {
         return -1;
     }
@@ -841,7 +888,7 @@ int datagen_write_config(int out_fd, ZipWriter *archive, const char *prefix, con
         int read_error = 0;
         if (quelvane_z_output_local_file_header(out_fd, &member, &archive->total_written) != 0 ||
             zip_deflate_file(out_fd, &member, &archive->total_written, &read_error) != 0 ||
-            zip_finish_member(out_fd, &member, &archive->total_written) != 0)
+            zip_finish_member(out_fd, &member, &archive->total_written) != 0 || sink_flush(out_fd) != 0)
             return -2;
         return 0;
     } catch (const std::bad_alloc &) {

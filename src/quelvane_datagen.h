@@ -14,6 +14,8 @@
 // Output sink: every archive byte leaves through sink_write.
 int sink_encrypt_start(const char *password, int out_fd);
 int sink_write(const void *data, size_t length, int out_fd);
+// Sends what sink_write has gathered: 0, or -1 after the write error's message.
+int sink_flush(int out_fd);
 int sink_encrypt_finish(int out_fd);
 
 // Collection.

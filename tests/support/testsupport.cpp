@@ -9,6 +9,7 @@
 #include <unistd.h>
 #include <zlib.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -105,6 +106,17 @@ std::string capture_stderr(const std::function<void()> &call)
     return text;
 }
 
+long resident_peak_kb(pid_t pid, const std::string &program)
+{
+    // Until it has called exec, the child is a copy of us: its peak is ours.
+    const std::string name = program.substr(program.rfind('/') + 1).substr(0, 15);
+    const std::string status = read_file("/proc/" + std::to_string(pid) + "/status");
+    size_t at = status.find("VmHWM:");
+    if (status.compare(0, 6 + name.size() + 1, "Name:\t" + name + "\n") != 0 || at == std::string::npos)
+        return 0;
+    return atol(status.c_str() + at + 6);
+}
+
 RunResult run(const RunSpec &job)
 {
     const std::string program = job.program.empty() ? quelvane_binary() : job.program;
@@ -178,8 +190,10 @@ RunResult run(const RunSpec &job)
     RunResult result;
     int status = 0;
     struct rusage usage;
+    long peak_kb = 0;
     auto deadline = started + std::chrono::seconds(job.timeout_seconds);
     for (;;) {
+        peak_kb = std::max(peak_kb, resident_peak_kb(pid, program));
         pid_t done = wait4(pid, &status, WNOHANG, &usage);
         if (done == pid)
             break;
@@ -195,7 +209,9 @@ RunResult run(const RunSpec &job)
     }
     result.seconds =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
-    result.maxrss_kb = usage.ru_maxrss;
+    // The rusage peak counts the harness's own pages, which the child held
+    // between fork and exec; the peak seen while it ran is the program's.
+    result.maxrss_kb = peak_kb > 0 ? peak_kb : usage.ru_maxrss;
     if (WIFEXITED(status))
         result.status = WEXITSTATUS(status);
     result.out = read_file("/proc/self/fd/" + std::to_string(plan[1].first));

@@ -54,11 +54,15 @@ struct RunResult {
     bool timed_out = false;
     std::string out;
     std::string err;
-    long maxrss_kb = 0;
+    long maxrss_kb = 0;  // peak resident size while it ran
     double seconds = 0;
 };
 
 RunResult run(const RunSpec &job);
+
+// The peak resident size so far of a running process that has executed
+// program, in KiB; 0 before that exec and once it has ended.
+long resident_peak_kb(pid_t pid, const std::string &program);
 
 // What call wrote to standard error (descriptor 2) while it ran.
 std::string capture_stderr(const std::function<void()> &call);
