@@ -206,12 +206,18 @@ Run bare_from_file(const std::string &path, int level_zero, int out_fd)
     static char buffer[PIECE];
     double start = seconds_now();
     BareDeflate bare(level_of(level_zero), out_fd);
+    // Up to the size stat gave, the last piece finishing the stream, as the
+    // writer reads a collected file.
     FILE *file = fopen(path.c_str(), "r");
-    size_t count;
-    do {
-        count = fread(buffer, 1, sizeof buffer, file);
-        bare.piece(buffer, count, feof(file) != 0);
-    } while (!feof(file));
+    struct stat status;
+    fstat(fileno(file), &status);
+    for (off_t left = status.st_size; left > 0;) {
+        size_t count = fread(buffer, 1, std::min<size_t>(sizeof buffer, static_cast<size_t>(left)), file);
+        left -= static_cast<off_t>(count);
+        bare.piece(buffer, count, left == 0 || count == 0);
+        if (count == 0)
+            break;
+    }
     fclose(file);
     return bare.done(start);
 }
