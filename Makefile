@@ -8,7 +8,10 @@ JOBS       ?= $(shell nproc 2>/dev/null || echo 2)
 RUN_DIR    ?= $(BUILD)/run
 CONF       ?= examples/quelvane.conf
 
-.PHONY: all deps build build-asan build-fuzz run test test-normal test-asan test-fuzz fuzz bench clean
+# name:Debian architecture:triplet of each cross target
+CROSS_TARGETS ?= aarch64:arm64:aarch64-linux-gnu armhf:armhf:arm-linux-gnueabihf s390x:s390x:s390x-linux-gnu
+
+.PHONY: all deps build build-asan build-fuzz cross run test test-normal test-asan test-fuzz test-cross fuzz bench clean
 
 all: build
 
@@ -27,6 +30,25 @@ build-fuzz: deps
 	cmake -S . -B $(FUZZ_BUILD) -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_COMPILER=clang++ -DQUELVANE_FUZZ=ON >/dev/null
 	cmake --build $(FUZZ_BUILD) -j $(JOBS)
 
+# build-<name>/quelvane for every cross target, with its tests.
+cross: deps
+	@set -e; for target in $(CROSS_TARGETS); do \
+	    set -- $$(echo $$target | tr : ' '); \
+	    scripts/cross-sysroot $$2 $$3; \
+	    cmake -S . -B build-$$1 -DCMAKE_TOOLCHAIN_FILE=cmake/$$3.cmake -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null; \
+	    cmake --build build-$$1 -j $(JOBS); \
+	done
+
+# The whole suite of every cross target under its emulator, the three side by
+# side (their tests wait more than they compute); each log follows in turn.
+test-cross: cross
+	@set -e; pids=""; for target in $(CROSS_TARGETS); do \
+	    name=$${target%%:*}; \
+	    (cd build-$$name && ctest -j $(JOBS) --output-on-failure > ctest.log 2>&1) & pids="$$pids $$!:$$name"; \
+	done; failed=""; for p in $$pids; do \
+	    wait $${p%%:*} || failed="$$failed $${p#*:}"; echo "== $${p#*:}"; cat build-$${p#*:}/ctest.log; \
+	done; [ -z "$$failed" ] || { echo "test-cross: failed:$$failed"; exit 1; }
+
 # Collects this machine with the example configuration, every dataset, and
 # lists the archive it made.
 run: build
@@ -35,7 +57,7 @@ run: build
 	    -f $(CONF) -a collection.zip -o $(RUN_DIR)/collection.zip
 	unzip -l $(RUN_DIR)/collection.zip
 
-test: test-normal test-asan test-fuzz
+test: test-normal test-asan test-fuzz test-cross
 
 test-normal: build
 	cd $(BUILD) && ctest -j $(JOBS) --output-on-failure
@@ -61,4 +83,4 @@ bench: build
 	bench/run-bench $(BUILD)
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD) build-aarch64 build-armhf build-s390x

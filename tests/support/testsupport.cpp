@@ -23,6 +23,12 @@ namespace qt {
 
 std::string quelvane_binary() { return QUELVANE_BINARY; }
 
+#ifdef QUELVANE_EMULATOR
+bool emulated() { return true; }
+#else
+bool emulated() { return false; }
+#endif
+
 TempDir::TempDir()
 {
     char pattern[] = "/tmp/quelvane-test-XXXXXX";
@@ -119,9 +125,21 @@ long resident_peak_kb(pid_t pid, const std::string &program)
 
 RunResult run(const RunSpec &job)
 {
-    const std::string program = job.program.empty() ? quelvane_binary() : job.program;
+    std::string program = job.program.empty() ? quelvane_binary() : job.program;
     std::vector<std::string> argv_text;
-    argv_text.push_back(job.argv0.empty() ? program : job.argv0);
+#ifdef QUELVANE_EMULATOR
+    // The tool of a cross build runs under its emulator, which hands it the
+    // argv[0] it would have had (-0), so that its program name is the same.
+    if (program == quelvane_binary()) {
+        std::istringstream words(QUELVANE_EMULATOR);
+        for (std::string word; words >> word;)
+            argv_text.push_back(word);
+        argv_text.insert(argv_text.end(), {"-0", job.argv0.empty() ? program : job.argv0, program});
+        program = argv_text[0].find('/') == std::string::npos ? "/usr/bin/" + argv_text[0] : argv_text[0];
+    }
+#endif
+    if (argv_text.empty())
+        argv_text.push_back(job.argv0.empty() ? program : job.argv0);
     argv_text.insert(argv_text.end(), job.args.begin(), job.args.end());
 
     // The first definition of a name wins, so the test's own come first;

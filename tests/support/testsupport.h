@@ -16,6 +16,9 @@ namespace qt {
 // Path of the built quelvane executable.
 std::string quelvane_binary();
 
+// Whether the tool and the tests run under an emulator (a cross build).
+bool emulated();
+
 // A fresh directory under /tmp, removed with everything in it.
 class TempDir {
 public:
