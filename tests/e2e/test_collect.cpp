@@ -24,12 +24,6 @@ std::string flat(std::string path)  // a path as a member name's tail
     return path;
 }
 
-std::string script(const qt::TempDir &dir, const std::string &name, const std::string &body)
-{
-    EXPECT_TRUE(qt::write_file(dir.file(name), "#!/bin/sh\n" + body, 0755));
-    return dir.file(name);
-}
-
 struct Collected {
     qt::RunResult run;
     std::string path;  // the archive, also when it came on standard output
@@ -87,8 +81,8 @@ bool running(const std::string &pid_file)
 TEST(Collect, MixedConfigurationInEveryOutputMode)
 {
     qt::TempDir dir;
-    std::string ifc = script(dir, "ifc", "echo \"interface $1\"\n");
-    std::string one = script(dir, "one", "echo partial; echo 'went wrong' >&2; exit 1\n");
+    std::string ifc = qt::script(dir, "ifc", "echo \"interface $1\"\n");
+    std::string one = qt::script(dir, "one", "echo partial; echo 'went wrong' >&2; exit 1\n");
     std::string missing = dir.file("not-installed"), hosts = dir.file("hosts"), adir = dir.file("adir");
     std::string a = dir.file("logs/a.log"), b = dir.file("logs/b.log"), gone = dir.file("links/gone.log");
     for (const char *sub : {"adir", "logs", "links"})
@@ -188,11 +182,11 @@ TEST(Commands, TimeOutsGroupsAndFloods)
     qt::TempDir dir;
     const std::string stamp = "date +%s.%N >> " + dir.file("stamps") + "\n", noise = dir.file("noise");
     const std::string past_cap = "head -c 300000 /dev/zero | tr '\\0' ";  // then a letter, then >&2
-    script(dir, "slow", stamp + "sleep 30 &\necho $! > " + dir.file("sleep.pid") + "\n" + past_cap + "n >&2\ncat /dev/zero\n");
-    script(dir, "deaf", stamp + "trap '' TERM\necho $$ > " + dir.file("deaf.pid") + "\nwhile :; do sleep 0.2; done\n");
-    script(dir, "leaves", stamp + "sleep 30 &\necho $! > " + dir.file("child.pid") +
+    qt::script(dir, "slow", stamp + "sleep 30 &\necho $! > " + dir.file("sleep.pid") + "\n" + past_cap + "n >&2\ncat /dev/zero\n");
+    qt::script(dir, "deaf", stamp + "trap '' TERM\necho $$ > " + dir.file("deaf.pid") + "\nwhile :; do sleep 0.2; done\n");
+    qt::script(dir, "leaves", stamp + "sleep 30 &\necho $! > " + dir.file("child.pid") +
                               "\necho started; " + past_cap + "w >&2; exit 3\n");
-    script(dir, "flood", stamp + "head -c 409600 /dev/urandom > " + noise + "\ndd if=" + noise +
+    qt::script(dir, "flood", stamp + "head -c 409600 /dev/urandom > " + noise + "\ndd if=" + noise +
                              " bs=1024 status=none >&2\nseq 1 20000000 | head -c $1\n");  // the cap met exactly
     std::string config, console = "Collecting data into " + dir.file("out.zip") + "\nSending README File\n"
                                   "Sending CONFIG File\n";
@@ -255,7 +249,7 @@ TEST(Commands, InterruptStopsTheRunAndTheCommandGroup)
         SCOPED_TRACE(out);
         qt::TempDir dir;
         const std::string started = dir.file("started"), got_term = dir.file("got-term");
-        std::string waits = script(dir, "waits", "trap 'echo term > " + got_term + "; exit 0' TERM\nexec 2>&-\n"
+        std::string waits = qt::script(dir, "waits", "trap 'echo term > " + got_term + "; exit 0' TERM\nexec 2>&-\n"
                                                  "echo waiting; touch " + started + "\nwhile :; do sleep 0.1; done\n");
         qt::RunSpec job;
         job.during = [&](pid_t pid) {

@@ -23,12 +23,6 @@ namespace {
 
 const std::string MARK = "QUELVANE_TEST_RUN=";
 
-std::string script(const qt::TempDir &dir, const std::string &name, const std::string &body)
-{
-    EXPECT_TRUE(qt::write_file(dir.file(name), "#!/bin/sh\n" + body, 0755));
-    return dir.file(name);
-}
-
 // The processes that carry this run's mark in their environment: what it left running.
 std::string left_running(const std::string &mark)
 {
@@ -58,6 +52,24 @@ qt::RunResult collect(const qt::TempDir &dir, const std::string &config, const s
     std::vector<std::string> args = {"-f", "q.conf", "-a", "t.zip", "-o", out, "-L", "i"};
     args.insert(args.end(), extra.begin(), extra.end());
     return qt::run_quelvane(dir, args, job);
+}
+
+// Archives too large to hold in memory, read side by side from the file: unzip -t, then
+// Python (the first text) and shell lines (the rest) with the path as $0 or argv[1].
+std::vector<qt::RunResult> read_streaming(const std::string &zip, const std::vector<std::string> &scripts)
+{
+    std::vector<std::vector<std::string>> readers = {{"unzip", "-tq", zip}, {"python3", "-c", scripts[0], zip}};
+    for (size_t i = 1; i < scripts.size(); ++i)
+        readers.push_back({"sh", "-c", scripts[i], zip});
+    std::vector<qt::RunResult> got(readers.size());
+    std::vector<std::thread> threads;
+    for (size_t i = 0; i < readers.size(); ++i)
+        threads.emplace_back([&, i] { got[i] = qt::run_program("/usr/bin/env", readers[i]); });
+    for (std::thread &t : threads)
+        t.join();
+    for (size_t i = 0; i < readers.size(); ++i)
+        EXPECT_EQ(got[i].status, 0) << readers[i][0] << ": " << got[i].err;
+    return got;
 }
 
 bool lock_free(const qt::TempDir &dir)
@@ -112,7 +124,7 @@ TEST(Faults, StaleFilesGoWhenTheLockIsTaken)
 TEST(Faults, OutputFailuresEndCleanly)
 {
     qt::TempDir dir;
-    std::string big = script(dir, "big", "head -c 3000000 /dev/urandom\nexec sleep 30\n");
+    std::string big = qt::script(dir, "big", "head -c 3000000 /dev/urandom\nexec sleep 30\n");
     const std::string config = "cmd i,60,y,n big " + big + "\n", fifo = dir.file("fifo");
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
     ASSERT_EQ(mknod(dir.file("full").c_str(), S_IFCHR | 0666, makedev(1, 7)), 0);
@@ -178,8 +190,8 @@ TEST(Faults, OutputFailuresEndCleanly)
 TEST(Faults, WhatACommandInherits)
 {
     qt::TempDir dir;
-    std::string loop = script(dir, "loop", "while :; do echo y; done | head -n 1\n");
-    std::string cmdline = script(dir, "cmdline", "tr '\\0' ' ' < /proc/$(cut -d' ' -f4 /proc/$PPID/stat)/cmdline\n");
+    std::string loop = qt::script(dir, "loop", "while :; do echo y; done | head -n 1\n");
+    std::string cmdline = qt::script(dir, "cmdline", "tr '\\0' ' ' < /proc/$(cut -d' ' -f4 /proc/$PPID/stat)/cmdline\n");
     const std::string config = "cmd i,5,y,n fds /bin/ls /proc/self/fd\ncmd i,5,y,n loop " + loop +
                                "\ncmd i,5,y,n argv " + cmdline + "\n";
     qt::RunSpec job;
@@ -240,26 +252,14 @@ TEST(Faults, HugeOutputIsCut)
     if (qt::emulated())
         GTEST_SKIP() << "minutes under an emulator; checked by the native build";
     qt::TempDir dir;
-    std::string huge = script(dir, "huge", "head -c 4831838208 /dev/zero\n");  // 4.5 GiB
+    std::string huge = qt::script(dir, "huge", "head -c 4831838208 /dev/zero\n");  // 4.5 GiB
     qt::RunResult r = collect(dir, "cmd i,600,y,n huge " + huge + "\n", dir.file("out.zip"));
     ASSERT_EQ(r.status, 0) << r.err;
     const std::string zip = dir.file("out.zip");
-    const std::vector<std::vector<std::string>> readers = {
-        {"unzip", "-tq", zip},
-        {"python3", "-c", "import sys, zipfile\nwith zipfile.ZipFile(sys.argv[1]) as z:\n"
-                          "  for i in z.infolist():\n    f = z.open(i)\n    while f.read(1 << 20): pass\n", zip},
-        {"sh", "-c", "bsdtar -xOf \"$0\" >/dev/null", zip},
-        {"sh", "-c", "unzip -Z -l \"$0\" | grep -c ' 4290772992 '; unzip -p \"$0\" '*.err'", zip}};
-    std::vector<qt::RunResult> got(readers.size());
-    std::vector<std::thread> threads;
-    for (size_t i = 0; i < readers.size(); ++i)
-        threads.emplace_back([&, i] {
-            got[i] = qt::run_program("/usr/bin/env", readers[i]);
-        });
-    for (std::thread &t : threads)
-        t.join();
-    for (size_t i = 0; i < readers.size(); ++i)
-        EXPECT_EQ(got[i].status, 0) << readers[i][0] << ": " << got[i].err;
+    std::vector<qt::RunResult> got = read_streaming(
+        zip, {"import sys, zipfile\nwith zipfile.ZipFile(sys.argv[1]) as z:\n"
+              "  for i in z.infolist():\n    f = z.open(i)\n    while f.read(1 << 20): pass\n",
+              "bsdtar -xOf \"$0\" >/dev/null", "unzip -Z -l \"$0\" | grep -c ' 4290772992 '; unzip -p \"$0\" '*.err'"});
     EXPECT_EQ(got[3].out, "1\nQUELVANE MSG: Data cut at 4290772992 bytes, the largest member an archive holds\n");
 }
 
@@ -327,21 +327,11 @@ TEST(Faults, FilesPast2And4GiBOn32Bits)
     qt::RunResult r = collect(dir, "file i,-,y,y two " + dir.file("two") + "\nfile i,-,y,y four " + dir.file("four") +
                                        "\n", dir.file("out.zip"), qt::RunSpec(), {"-C"});
     ASSERT_EQ(r.status, 0) << r.err;
-    const std::string zip = dir.file("out.zip");
-    const std::vector<std::vector<std::string>> readers = {
-        {"unzip", "-tq", zip},
-        {"python3", "-c", "import sys, zipfile\nwith zipfile.ZipFile(sys.argv[1]) as z:\n  for i in z.infolist():\n"
-                          "    print(i.file_size)\n    try:\n      f = z.open(i)\n      while f.read(1 << 20): pass\n"
-                          "    except zipfile.BadZipFile: print('flagged')\n", zip},
-        {"sh", "-c", "bsdtar -xOf \"$0\" 2>&1 >/dev/null | grep -c 'four.err: ZIP uncompressed data is wrong size'", zip}};
-    std::vector<qt::RunResult> got(readers.size());
-    std::vector<std::thread> threads;
-    for (size_t i = 0; i < readers.size(); ++i)
-        threads.emplace_back([&, i] { got[i] = qt::run_program("/usr/bin/env", readers[i]); });
-    for (std::thread &t : threads)
-        t.join();
-    for (size_t i = 0; i < readers.size(); ++i)
-        EXPECT_EQ(got[i].status, 0) << readers[i][0] << ": " << got[i].err;
+    std::vector<qt::RunResult> got = read_streaming(
+        dir.file("out.zip"), {"import sys, zipfile\nwith zipfile.ZipFile(sys.argv[1]) as z:\n  for i in z.infolist():\n"
+                              "    print(i.file_size)\n    try:\n      f = z.open(i)\n      while f.read(1 << 20): pass\n"
+                              "    except zipfile.BadZipFile: print('flagged')\n",
+                              "bsdtar -xOf \"$0\" 2>&1 >/dev/null | grep -c 'four.err: ZIP uncompressed data is wrong size'"});
     // README, CONFIG, the 2 GiB file whole, the 4 GiB one cut, and the cut's ".err" (size 0).
     EXPECT_EQ(got[1].out.substr(got[1].out.find('\n', got[1].out.find('\n') + 1) + 1),
               std::to_string(past_2) + "\n4290772992\n0\nflagged\n");

@@ -84,6 +84,12 @@ bool write_file(const std::string &path, const std::string &content, unsigned mo
     return close(fd) == 0 && written && chmod(path.c_str(), mode) == 0;
 }
 
+std::string script(const TempDir &dir, const std::string &name, const std::string &body)
+{
+    write_file(dir.file(name), "#!/bin/sh\n" + body, 0755);
+    return dir.file(name);
+}
+
 std::string read_file(const std::string &path)
 {
     std::ifstream in(path, std::ios::binary);

@@ -34,6 +34,8 @@ private:
 };
 
 bool write_file(const std::string &path, const std::string &content, unsigned mode = 0644);
+// An executable shell script NAME in dir; returns its path.
+std::string script(const TempDir &dir, const std::string &name, const std::string &body);
 std::string read_file(const std::string &path);
 bool file_exists(const std::string &path);
 
