@@ -288,6 +288,26 @@ void fill_standard_descriptors()
     }
 }
 
+// The archive's data, then its directory entry, flushed to the device; a
+// failure is reported and counts as an output failure.
+int sync_output(int fd, const std::string &path)
+{
+    const size_t slash = path.rfind('/');
+    const std::string directory = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
+    int dir_fd = -1;
+    // A file system that cannot sync a directory (EINVAL) still has the file's entry.
+    if (fsync(fd) != 0 || (dir_fd = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) == -1 ||
+        (fsync(dir_fd) != 0 && errno != EINVAL && errno != ENOSYS)) {
+        int error = errno;
+        if (dir_fd != -1)
+            close(dir_fd);
+        fprintf(stderr, _("Error flushing %s to its device: %s\n"), path.c_str(), strerror(error));
+        return -1;
+    }
+    close(dir_fd);
+    return 0;
+}
+
 // Only the regular file this run opened is removed: never a device or
 // whatever else stands at the path now.
 void remove_output(const char *path, const struct stat &opened)
@@ -484,6 +504,12 @@ int quelvane_run(RunOptions *options)
     // A file that did not receive a complete walk is never left behind; in
     // download mode there is nothing to close.
     if (!options->output_path.empty() && run.output_fd != 1 && run.output_fd != -1) {
+        // On the device before we say so: the operator pulls the stick at
+        // "Data collection complete".
+        if (run.keep_archive && sync_output(run.output_fd, options->output_path) != 0) {
+            run.status = 2;
+            run.keep_archive = 0;
+        }
         close(run.output_fd);
         if (!run.keep_archive)
             remove_output(options->output_path.c_str(), run.opened);

@@ -15,6 +15,7 @@
 #include <atomic>
 #include <ctime>
 #include <random>
+#include <sstream>
 #include <thread>
 
 #include "testsupport.h"
@@ -336,4 +337,23 @@ TEST(Faults, FilesPast2And4GiBOn32Bits)
     EXPECT_EQ(got[1].out.substr(got[1].out.find('\n', got[1].out.find('\n') + 1) + 1),
               std::to_string(past_2) + "\n4290772992\n0\nflagged\n");
     EXPECT_EQ(got[2].out, "1\n");
+}
+
+// In file mode the archive and its directory entry are on the device before the run
+// says "Data collection complete": the operator pulls the stick at that line.
+TEST(Faults, ArchiveIsOnTheDeviceBeforeCompleteIsSaid)
+{
+    if (qt::emulated())
+        GTEST_SKIP() << "strace follows the emulator, not the tool";
+    qt::TempDir dir;
+    qt::RunSpec job;
+    job.program = "/usr/bin/strace";
+    ASSERT_TRUE(qt::write_file(dir.file("q.conf"), "cmd i,5,y,n a /bin/echo a\n"));
+    EXPECT_EQ(qt::run_quelvane(dir, {"-e", "trace=fsync,fdatasync,write", "-o", dir.file("trace"), qt::quelvane_binary(),
+                                     "-f", "q.conf", "-a", "t.zip", "-o", dir.file("out.zip"), "-L", "i"}, job).status, 0);
+    std::string calls;  // the calls in order, each reduced to its name (and the last line's text)
+    std::istringstream trace(qt::read_file(dir.file("trace")));
+    for (std::string line; std::getline(trace, line);)
+        calls += line.substr(0, line.find('(')) + (line.find("complete") != std::string::npos ? " complete" : "") + "\n";
+    EXPECT_NE(calls.find("fsync\nfsync\nwrite complete\n"), std::string::npos) << calls;
 }
