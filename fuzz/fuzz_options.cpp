@@ -1,5 +1,5 @@
 // libFuzzer harness: the option parser on arbitrary argument vectors (the input split at
-// NUL bytes). It must always return, with -1 or an exit status of 0, 1 or 8.
+// NUL bytes). It must always return: -1 (run), -2 (answered) or an exit status of 0, 1 or 8.
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -34,7 +34,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 
     RunOptions options;
     int stopped = quelvane_parse_options(static_cast<int>(words.size()), argv.data(), &options);
-    if (stopped != -1 && stopped != 0 && stopped != 1 && stopped != 8)
+    if (stopped != -1 && stopped != -2 && stopped != 0 && stopped != 1 && stopped != 8)
         abort();
     if (stopped == -1 && (options.archive_base == ".." || options.password.size() > 63 ||
                           options.archive_name.find('/') != std::string::npos))

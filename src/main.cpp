@@ -3,6 +3,7 @@
 
 #ifndef QUELVANE_MAIN_ONLY
 #include <fcntl.h>
+#include <getopt.h>
 #include <libgen.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -24,11 +25,47 @@
 namespace {
 
 constexpr int STATUS_OUT_OF_MEMORY = 8;
+constexpr int STATUS_ANSWERED = -2;  // --help or --version: exit 0, no usage
 constexpr size_t MAX_PASSWORD = 63;
 
 // 'r' is left out on purpose: the device clean-up stays switched off until
 // the letter is added here.
 const char OPTION_STRING[] = ":a:bCd:ef:hI:lL:no:p:P:qu:vy";
+
+const char VERSION[] = "1.1";
+
+// Additions to the command line are long options only, so that every short
+// option, message and exit status stays as it was.
+enum { OPTION_HELP = 256, OPTION_VERSION };
+const struct option LONG_OPTIONS[] = {
+    {"help", no_argument, nullptr, OPTION_HELP},
+    {"version", no_argument, nullptr, OPTION_VERSION},
+    {nullptr, 0, nullptr, 0},
+};
+
+// Every option, one line each, for --help.
+const char *const HELP_LINES[] = {
+    "  -a NAME          archive name; its base, cut at \".zip\", heads every member name",
+    "  -b               browser download: the HTTP download header, no prompts",
+    "  -C               no compression (deflate level 0)",
+    "  -d DEVICE        USB device mode: -o names a file on the mounted DEVICE",
+    "  -e               encrypt the archive (openssl enc -aes-128-cbc -md md5 reads it)",
+    "  -f FILE          configuration file",
+    "  -h               the usage text",
+    "  -I FD            the encryption password is read from descriptor FD",
+    "  -l               log-only mode: only log and cut entries",
+    "  -L LETTERS       the datasets to collect (A: all)",
+    "  -n               answer every confirmation with no",
+    "  -o PATH          the archive file, or - for standard output",
+    "  -p ARG           accepted and ignored",
+    "  -P PASSWORD      the encryption password (1 to 63 characters)",
+    "  -q               no status lines",
+    "  -u ARG           no download header with -b",
+    "  -v               progress lines",
+    "  -y               answer every confirmation with yes",
+    "      --help       this list, then exit",
+    "      --version    the name and version, then exit",
+};
 
 // Thrown inside the option parser only: ends parsing with this exit status.
 struct StopParsing {
@@ -78,8 +115,16 @@ void parse_options(int argc, char **argv, RunOptions *options)
     opterr = 0;
     optind = 0;  // a full restart of getopt, so the parser can be called again
     int option;
-    while ((option = getopt(argc, argv, OPTION_STRING)) != -1) {
+    while ((option = getopt_long(argc, argv, OPTION_STRING, LONG_OPTIONS, nullptr)) != -1) {
         switch (option) {
+        case OPTION_HELP:
+            printf(_("Usage: %s -f config -a archive-name -o output [option]...\n"), program_name);
+            for (const char *line : HELP_LINES)
+                printf("%s\n", _(line));
+            stop(STATUS_ANSWERED);
+        case OPTION_VERSION:
+            printf("%s %s\n", program_name, VERSION);
+            stop(STATUS_ANSWERED);
         case 'a': {
             if (seen_a)
                 stop(1);
@@ -203,7 +248,10 @@ void parse_options(int argc, char **argv, RunOptions *options)
             fprintf(stderr, _("Option -%c requires an argument\n"), optopt);
             stop(1);
         default:
-            fprintf(stderr, _("Option -%c is an unknown option\n"), optopt);
+            if (optopt == 0)  // a long option we do not know
+                fprintf(stderr, _("Option %s is an unknown option\n"), argv[optind - 1]);
+            else
+                fprintf(stderr, _("Option -%c is an unknown option\n"), optopt);
             stop(1);
         }
     }
@@ -721,6 +769,8 @@ int quelvane_main(int argc, char **argv)
         int stopped = quelvane_parse_options(argc, argv, &options);
         if (stopped == STATUS_OUT_OF_MEMORY)
             return stopped;
+        if (stopped == STATUS_ANSWERED)
+            return 0;
         if (stopped >= 0)
             usage(stopped);
         return quelvane_run(&options);

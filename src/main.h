@@ -24,9 +24,10 @@ struct RunOptions {
 
 [[noreturn]] void usage(int status);
 
-// Fills *options. Returns -1 when the run may go ahead; otherwise the exit
-// status, after any message, with which usage() ends the process (8, out of
-// memory, ends it without usage).
+// Fills *options. Returns -1 when the run may go ahead; -2 when --help or
+// --version has answered (exit 0); otherwise the exit status, after any
+// message, with which usage() ends the process (8, out of memory, ends it
+// without usage).
 int quelvane_parse_options(int argc, char **argv, RunOptions *options);
 
 // One collection run; returns the exit status.

@@ -40,6 +40,7 @@ const struct { Args args; std::string message; int status; } REFUSALS[] = {
     {{"-hv"}, "", 0},
     {{"-h", "-v"}, "", 1},
     {{"-r"}, "Option -r is an unknown option\n", 1},
+    {{"--bogus", "-v"}, "Option --bogus is an unknown option\n", 1},
     {{"-b", "-b", "-Z"}, "The -b flag has already been specified.\n", 1},
     {{"-v", "-o"}, "Option -o requires an argument\n", 1},
     {{"-a", "/x"}, "archive-name may not contain '/': '/x'\n", 1},
@@ -81,6 +82,22 @@ TEST(CommandLine, RefusalPrintsItsMessageThenTheUsage)
         EXPECT_EQ(got.out, "");
         EXPECT_EQ(got.status, r.status);
     }
+}
+
+// --help lists every option, short and long, one a line, on standard output; --version
+// names the tool; both exit 0 whatever else is given.
+TEST(CommandLine, HelpAndVersion)
+{
+    qt::TempDir dir;
+    qt::RunResult help = qt::run_quelvane(dir, {"-v", "--help", "-y"});
+    EXPECT_EQ(help.status, 0);
+    EXPECT_EQ(help.err, "");
+    EXPECT_EQ(help.out.substr(0, help.out.find('\n')), "Usage: quelvane -f config -a archive-name -o output [option]...");
+    for (const char *option : {"-a", "-b", "-C", "-d", "-e", "-f", "-h", "-I", "-l", "-L", "-n", "-o", "-p", "-P", "-q",
+                               "-u", "-v", "-y", "    --help", "    --version"})
+        EXPECT_NE(help.out.find(std::string("\n  ") + option + " "), std::string::npos) << option;
+    qt::RunResult version = qt::run_quelvane(dir, {"--version"});
+    EXPECT_EQ(std::to_string(version.status) + version.out + version.err, "0quelvane 1.1\n");
 }
 
 const char CONFIG[] = "# kept byte for byte\ncmd i,30,y,n slow /bin/sleep 5\n";  // run only with -L i
