@@ -22,34 +22,12 @@
 
 namespace {
 
-const std::string MARK = "QUELVANE_TEST_RUN=";
-
-// The processes that carry this run's mark in their environment: what it left running.
-std::string left_running(const std::string &mark)
-{
-    std::string found;
-    const std::string wanted = MARK + mark;
-    DIR *proc = opendir("/proc");
-    while (const dirent *entry = proc != nullptr ? readdir(proc) : nullptr) {
-        if (entry->d_name[0] < '1' || entry->d_name[0] > '9')
-            continue;
-        const std::string environ = qt::read_file(std::string("/proc/") + entry->d_name + "/environ");
-        if (environ.find(wanted + '\0') != std::string::npos) {
-            found += std::string(entry->d_name) + " ";
-            kill(atoi(entry->d_name), SIGKILL);
-        }
-    }
-    if (proc != nullptr)
-        closedir(proc);
-    return found;
-}
-
 // quelvane -f q.conf -a t.zip -o OUT -L i, marked so its commands can be found.
 qt::RunResult collect(const qt::TempDir &dir, const std::string &config, const std::string &out,
                       qt::RunSpec job = qt::RunSpec(), std::vector<std::string> extra = {})
 {
     EXPECT_TRUE(qt::write_file(dir.file("q.conf"), config));
-    job.env.push_back(MARK + dir.path());
+    job.env.push_back(qt::RUN_MARK + dir.path());
     std::vector<std::string> args = {"-f", "q.conf", "-a", "t.zip", "-o", out, "-L", "i"};
     args.insert(args.end(), extra.begin(), extra.end());
     return qt::run_quelvane(dir, args, job);
@@ -177,7 +155,7 @@ TEST(Faults, OutputFailuresEndCleanly)
             EXPECT_EQ(r.err, "Standard output is closed: nowhere to send the archive\n");
         }
         EXPECT_LT(r.seconds, 10.0);
-        EXPECT_EQ(left_running(dir.path()), "");
+        EXPECT_EQ(qt::left_running(dir.path()), "");
         EXPECT_TRUE(lock_free(dir));
         EXPECT_FALSE(qt::file_exists(dir.file("out.zip")));
     }
@@ -295,7 +273,7 @@ TEST(Faults, InterruptsAtRandomMoments)
             qt::RunResult r = collect(dir, config, download ? "-" : dir.file("out.zip"), job);
             EXPECT_TRUE(r.status == 0 || r.status == 5) << r.status << " " << r.err;
             EXPECT_TRUE(lock_free(dir));
-            EXPECT_EQ(left_running(dir.path()), "");
+            EXPECT_EQ(qt::left_running(dir.path()), "");
             EXPECT_FALSE(!download && r.status == 5 && qt::file_exists(dir.file("out.zip")));
             const std::string kept = download ? dir.file("sent.zip") : dir.file("out.zip");
             ASSERT_TRUE(!download || qt::write_file(kept, r.out));

@@ -1,6 +1,10 @@
 #include "testsupport.h"
 
+#include <arpa/inet.h>
+#include <dirent.h>
 #include <fcntl.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
@@ -253,6 +257,40 @@ RunResult run_quelvane(const TempDir &dir, const std::vector<std::string> &args,
     if (job.cwd.empty())
         job.cwd = dir.path();
     return run(job);
+}
+
+const std::string RUN_MARK = "QUELVANE_TEST_RUN=";
+
+std::string left_running(const std::string &mark)
+{
+    std::string found;
+    const std::string wanted = RUN_MARK + mark + '\0';
+    DIR *proc = opendir("/proc");
+    while (const dirent *entry = proc != nullptr ? readdir(proc) : nullptr) {
+        if (entry->d_name[0] < '1' || entry->d_name[0] > '9')
+            continue;
+        if (read_file(std::string("/proc/") + entry->d_name + "/environ").find(wanted) != std::string::npos) {
+            found += std::string(entry->d_name) + " ";
+            kill(atoi(entry->d_name), SIGKILL);
+        }
+    }
+    if (proc != nullptr)
+        closedir(proc);
+    return found;
+}
+
+int free_port()
+{
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    struct sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    if (bind(fd, reinterpret_cast<sockaddr *>(&address), length) != 0 ||
+        getsockname(fd, reinterpret_cast<sockaddr *>(&address), &length) != 0)
+        abort();
+    close(fd);
+    return ntohs(address.sin_port);
 }
 
 RunResult run_program(const std::string &program, const std::vector<std::string> &args,

@@ -77,6 +77,14 @@ std::string capture_stderr(const std::function<void()> &call);
 RunResult run_quelvane(const TempDir &dir, const std::vector<std::string> &args,
                        RunSpec job = RunSpec());
 
+// An environment variable whose value marks the processes of one run:
+// left_running(mark) names (and kills) those still alive.
+extern const std::string RUN_MARK;
+std::string left_running(const std::string &mark);
+
+// A TCP port on 127.0.0.1 that was free a moment ago.
+int free_port();
+
 // An external program by path with its arguments.
 RunResult run_program(const std::string &program, const std::vector<std::string> &args,
                       const std::string &stdin_data = "");

@@ -1,0 +1,113 @@
+// The browser download path through a real lighttpd serving examples/web: curl and a
+// headless Chromium save the archive under its suggested name, the first bytes come at
+// once, and a client that goes away ends the run with status 2 and nothing left behind.
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "testsupport.h"
+
+namespace {
+
+class WebServer {
+public:
+    explicit WebServer(const qt::TempDir &dir) : dir_(dir), port_(qt::free_port())
+    {
+        for (const char *cgi : {"quelvane.cgi", "quelvane-encrypted.cgi"})
+            qt::script(dir, cgi, qt::read_file(std::string(QUELVANE_SOURCE_DIR "/examples/web/") + cgi));
+        // The plain CGI under a shell that outlives the server's signals and notes the tool's status.
+        qt::script(dir, "status.cgi", "trap '' TERM HUP PIPE\nsh ./quelvane.cgi\necho $? > " + dir.file("status") + "\n");
+        qt::write_file(dir.file("password"), "secret\n", 0600);
+        const std::string config =
+            "server.document-root = \"" + dir.path() + "\"\nserver.bind = \"127.0.0.1\"\nserver.port = " +
+            std::to_string(port_) + "\nserver.errorlog = \"" + dir.file("error.log") +
+            "\"\nserver.modules += ( \"mod_cgi\", \"mod_setenv\" )\ncgi.assign = ( \".cgi\" => \"\" )\n"
+            "server.stream-response-body = 2\nsetenv.add-environment = ( \"QUELVANE\" => \"" + qt::quelvane_binary() +
+            "\", \"QUELVANE_CONF\" => \"" + dir.file("q.conf") + "\", \"QUELVANE_HOME\" => \"" + dir.path() +
+            "\", \"QUELVANE_PASSWORD_FILE\" => \"" + dir.file("password") + "\", \"" +
+            qt::RUN_MARK.substr(0, qt::RUN_MARK.size() - 1) + "\" => \"" + dir.path() + "\" )\n";
+        qt::write_file(dir.file("lighttpd.conf"), config);
+        pid_ = fork();
+        if (pid_ == 0) {
+            int log = open(dir.file("server.log").c_str(), O_WRONLY | O_CREAT, 0644);
+            dup2(log, 1);
+            dup2(log, 2);
+            execl("/usr/sbin/lighttpd", "lighttpd", "-D", "-f", dir.file("lighttpd.conf").c_str(), nullptr);
+            _exit(127);
+        }
+        for (int i = 0; i < 100 && qt::run_program("/usr/bin/curl", {"-s", url("none")}).status != 0; ++i)
+            usleep(50000);
+    }
+    ~WebServer()
+    {
+        kill(pid_, SIGTERM);
+        waitpid(pid_, nullptr, 0);
+    }
+    std::string url(const std::string &cgi) const
+    {
+        return "http://127.0.0.1:" + std::to_string(port_) + "/" + cgi;
+    }
+
+private:
+    const qt::TempDir &dir_;
+    int port_;
+    pid_t pid_ = -1;
+};
+
+std::string host_name()
+{
+    char name[256] = {};
+    gethostname(name, sizeof name - 1);
+    return name;
+}
+
+}  // namespace
+
+TEST(Web, DownloadsThroughARealServer)
+{
+    if (qt::emulated())
+        GTEST_SKIP() << "the server runs the native tool";
+    qt::TempDir dir;
+    WebServer server(dir);
+    const std::string saved = "controller-" + host_name() + ".zip", got = dir.file("got");
+    ASSERT_EQ(mkdir(got.c_str(), 0755), 0);
+    // A slow first command: the download header and the first members come at once.
+    ASSERT_TRUE(qt::write_file(dir.file("q.conf"), "cmd A,5,y,n slow /bin/sleep 1\ncmd A,5,y,n a /bin/echo first\n"));
+    qt::RunResult curl = qt::run_program(
+        "/bin/sh", {"-c", "cd " + got + " && curl -sS -OJ -w '%{time_starttransfer}' " + server.url("quelvane.cgi")});
+    ASSERT_EQ(curl.status, 0) << curl.err;
+    EXPECT_LT(std::stod(curl.out), 0.5) << "seconds to the first byte";
+    EXPECT_EQ(qt::check_real_readers(got + "/" + saved), "");
+    EXPECT_EQ(qt::read_zip(qt::read_file(got + "/" + saved)).names().size(), 4u);
+
+    // Encrypted, the password on a descriptor; the newline the file ends in counts.
+    unlink((got + "/" + saved).c_str());
+    curl = qt::run_program("/bin/sh", {"-c", "cd " + got + " && curl -sS -OJ " + server.url("quelvane-encrypted.cgi")});
+    ASSERT_EQ(curl.status, 0) << curl.err;
+    EXPECT_EQ(qt::openssl_decrypt(got + "/" + saved, "secret\n", dir.file("opened.zip")), "");
+    EXPECT_EQ(qt::check_real_readers(dir.file("opened.zip")), "");
+
+    // A real browser saves it under the suggested name.
+    unlink((got + "/" + saved).c_str());
+    qt::RunResult browser = qt::run_program("/usr/bin/python3", {QUELVANE_SOURCE_DIR "/tests/e2e/browser_download.py",
+                                                                 std::to_string(qt::free_port()), server.url("quelvane.cgi"), got});
+    EXPECT_EQ(browser.out, saved + " completed\n") << browser.err;
+    EXPECT_EQ(qt::check_real_readers(got + "/" + saved), "");
+
+    // The client goes away mid-download: status 2 within a few seconds, the command
+    // stopped, the lock free; then the next download works.
+    ASSERT_TRUE(qt::write_file(dir.file("q.conf"), "cmd A,30,y,n flood /bin/dd if=/dev/urandom bs=64k count=100000\n"));
+    EXPECT_EQ(qt::run_program("/usr/bin/curl", {"-sS", "-o", "/dev/null", "--max-time", "1", server.url("status.cgi")}).status, 28);
+    for (int i = 0; i < 100 && !qt::file_exists(dir.file("status")); ++i)
+        usleep(100000);
+    EXPECT_EQ(qt::read_file(dir.file("status")), "2\n");
+    EXPECT_EQ(qt::left_running(dir.path()), "");
+    EXPECT_FALSE(qt::file_exists(dir.file("quelvane_tmp/quelvane.quelvane")));
+    ASSERT_TRUE(qt::write_file(dir.file("q.conf"), "cmd A,5,y,n a /bin/echo again\n"));
+    EXPECT_EQ(qt::run_program("/usr/bin/curl", {"-sS", "-o", dir.file("again.zip"), server.url("quelvane.cgi")}).status, 0);
+    EXPECT_EQ(qt::check_real_readers(dir.file("again.zip")), "");
+}
