@@ -11,7 +11,7 @@ CONF       ?= examples/quelvane.conf
 # name:Debian architecture:triplet of each cross target
 CROSS_TARGETS ?= aarch64:arm64:aarch64-linux-gnu armhf:armhf:arm-linux-gnueabihf s390x:s390x:s390x-linux-gnu
 
-.PHONY: all deps build build-asan build-fuzz cross run test test-normal test-asan test-fuzz test-cross fuzz bench clean
+.PHONY: all deps build build-asan build-fuzz cross package run test test-normal test-asan test-fuzz test-cross test-package fuzz bench clean
 
 all: build
 
@@ -39,6 +39,16 @@ cross: deps
 	    cmake --build build-$$1 -j $(JOBS); \
 	done
 
+# Debian packages: build/quelvane_*_amd64.deb and the arm64 and armhf ones.
+package: build cross
+	cd $(BUILD) && cpack -G DEB >/dev/null
+	cd build-aarch64 && cpack -G DEB >/dev/null
+	cd build-armhf && cpack -G DEB >/dev/null
+	ls $(BUILD)/*.deb build-aarch64/*.deb build-armhf/*.deb
+
+test-package: package
+	tests/package/test-package $(BUILD)/*.deb build-aarch64/*.deb build-armhf/*.deb
+
 # The whole suite of every cross target under its emulator, the three side by
 # side (their tests wait more than they compute); each log follows in turn.
 test-cross: cross
@@ -57,7 +67,7 @@ run: build
 	    -f $(CONF) -a collection.zip -o $(RUN_DIR)/collection.zip
 	unzip -l $(RUN_DIR)/collection.zip
 
-test: test-normal test-asan test-fuzz test-cross
+test: test-normal test-asan test-fuzz test-cross test-package
 
 test-normal: build
 	cd $(BUILD) && ctest -j $(JOBS) --output-on-failure
