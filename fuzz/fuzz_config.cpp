@@ -18,8 +18,11 @@ int fd = -1;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    if (fd == -1 && (fd = mkstemp(path)) == -1)
-        abort();
+    if (fd == -1) {
+        if ((fd = mkstemp(path)) == -1)
+            abort();
+        atexit([] { unlink(path); });
+    }
     if (ftruncate(fd, 0) != 0 || pwrite(fd, data, size, 0) != static_cast<ssize_t>(size))
         abort();
     // The first byte picks log-only mode, so both ways of reading are covered.
