@@ -399,7 +399,8 @@ enum class Ending { running, finished, interrupted, timed_out };
 // the timer disarmed, so nothing of ours runs on unwatched.
 class RunningCommand {
 public:
-    RunningCommand(const ConfigEntry *entry, pid_t pid) : entry_(entry), pid_(pid) {}
+    // target: what the kill sequence signals, the command's process group.
+    RunningCommand(const ConfigEntry *entry, pid_t pid, int target) : entry_(entry), pid_(pid), target_(target) {}
     RunningCommand(const RunningCommand &) = delete;
     RunningCommand &operator=(const RunningCommand &) = delete;
     ~RunningCommand()
@@ -412,8 +413,6 @@ public:
             stop(nullptr);
         errno = error;
     }
-    void set_target(int target) { target_ = target; }
-    pid_t pid() const { return pid_; }
     // The command ended by itself and was reaped.
     void reaped() { done_ = true; }
     // The kill sequence, then a look for its end without waiting.
@@ -428,7 +427,7 @@ public:
 private:
     const ConfigEntry *entry_;
     pid_t pid_;
-    int target_ = 0;
+    int target_;
     bool done_ = false;
 };
 
@@ -494,8 +493,7 @@ int quelvane_execute_command(int out_fd, ConfigEntry *entry, ZipWriter *archive,
     sscanf(pgid_text, "%d", &childpgrpid);
     require(childpgrpid != getpgid(0), "childpgrpid != getpgid(0)");
     require(childpgrpid == getpgid(pid), "childpgrpid == getpgid(pid)");
-    RunningCommand command(entry, pid);
-    command.set_target(childpgrpid == -1 ? pid : -childpgrpid);
+    RunningCommand command(entry, pid, childpgrpid == -1 ? pid : -childpgrpid);
     sync_pipe.read_end.reset();
 
     const int out_read = out_pipe.read_end.get();
