@@ -50,11 +50,12 @@ test-package: package
 	tests/package/test-package $(BUILD)/*.deb build-aarch64/*.deb build-armhf/*.deb
 
 # The whole suite of every cross target under its emulator, the three side by
-# side (their tests wait more than they compute); each log follows in turn.
+# side (their tests wait more than they compute), one test at a time each, so
+# that the emulated timings stay near real ones; each log follows in turn.
 test-cross: cross
 	@set -e; pids=""; for target in $(CROSS_TARGETS); do \
 	    name=$${target%%:*}; \
-	    (cd build-$$name && ctest -j $(JOBS) --output-on-failure > ctest.log 2>&1) & pids="$$pids $$!:$$name"; \
+	    (cd build-$$name && ctest --output-on-failure > ctest.log 2>&1) & pids="$$pids $$!:$$name"; \
 	done; failed=""; for p in $$pids; do \
 	    wait $${p%%:*} || failed="$$failed $${p#*:}"; echo "== $${p#*:}"; cat build-$${p#*:}/ctest.log; \
 	done; [ -z "$$failed" ] || { echo "test-cross: failed:$$failed"; exit 1; }
