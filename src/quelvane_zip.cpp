@@ -40,8 +40,6 @@ constexpr uint32_t ZIP64_OFFSET_EXTRA_SIZE = 8;
 constexpr uint32_t MAX_U16 = 0xffff;
 constexpr uint32_t MAX_U32 = 0xffffffff;
 
-// Central records are gathered up to about this much before going out.
-constexpr size_t DIRECTORY_BUFFER = 64 * 1024;
 
 constexpr unsigned OUTPUT_BUFFER_SIZE = 32768;
 constexpr size_t FILE_READ_SIZE = 32768;
@@ -272,19 +270,15 @@ int zip_finish_archive(int out_fd, uint64_t *total_written)
         return -1;
     const uint64_t directory_offset = *total_written;
     uint64_t directory_size = 0;
-    Record records;
+    // One record a sink call; the sink gathers them into large writes.
+    Record record;
     for (const ZipMember &member : members) {
-        size_t before = records.size();
-        add_central_record(records, member);
-        directory_size += records.size() - before;
-        if (records.size() >= DIRECTORY_BUFFER) {
-            if (records.send(out_fd) != 0)
-                return -1;
-            records.clear();
-        }
+        record.clear();
+        add_central_record(record, member);
+        if (record.send(out_fd) != 0)
+            return -1;
+        directory_size += record.size();
     }
-    if (records.send(out_fd) != 0)
-        return -1;
 
     // Past 65,534 members or 4 GiB the end record cannot say where the
     // directory is: a ZIP64 end record and its locator go first, and the
