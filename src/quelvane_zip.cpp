@@ -47,6 +47,25 @@ constexpr size_t PIPE_READ_SIZE = 1024;
 
 std::vector<ZipMember> members;
 
+// The budget: plain ZIP bytes (0: none), the directory records owed so far,
+// the producer's reserve, and the input deflated since its output was last
+// measured exactly.
+uint64_t budget_limit;
+uint64_t directory_bytes;
+uint64_t budget_reserve;
+uint64_t open_input;
+bool budget_spent;
+uint64_t data_total;
+
+constexpr uint32_t CENTRAL_RECORD_SIZE = 46;
+constexpr uint32_t ZIP64_EXTRA_SIZE = 4 + 8;
+// The end record, and ZIP64's end record and locator in case they are needed.
+constexpr uint64_t END_RESERVE = 22 + 56 + 20;
+// A byte of bits carried from the last block and an empty final block.
+constexpr uint64_t FINISH_SLACK = 8;
+// A budget piece smaller than this ends the member instead.
+constexpr unsigned MIN_PIECE = 64;
+
 z_stream stream;
 int deflate_ready;
 unsigned char output_buffer[OUTPUT_BUFFER_SIZE];
@@ -155,6 +174,77 @@ void zip_member_from_stat(ZipMember *member, const struct stat &status)
     member->dos_datetime = static_cast<uint32_t>(status.st_mtime);
 }
 
+// ---------------------------------------------------------------------------
+// Budget
+// ---------------------------------------------------------------------------
+
+namespace {
+
+uint64_t deflate_bound(uint64_t length)
+{
+    // zlib's own bound for the stream's settings; it holds for any run of
+    // input that starts a block, whatever the window holds.
+    return deflateBound(&stream, static_cast<uLong>(length)) + FINISH_SLACK;
+}
+
+uint64_t directory_record_size(size_t name_length)
+{
+    return CENTRAL_RECORD_SIZE + name_length + ZIP64_EXTRA_SIZE;
+}
+
+// Bytes the archive already holds or has promised: written, waiting in the
+// deflate buffers, and every record still owed.
+uint64_t budget_used(uint64_t total_written, const ZipMember *open_member)
+{
+    unsigned pending = 0;
+    int bits = 0;
+    if (deflate_ready)
+        deflatePending(&stream, &pending, &bits);
+    uint64_t used = total_written + directory_bytes + END_RESERVE + budget_reserve + pending + (bits > 0);
+    if (open_member != nullptr)
+        used += (OUTPUT_BUFFER_SIZE - stream.avail_out) + DESCRIPTOR_SIZE +
+                directory_record_size(open_member->name.size());
+    return used;
+}
+
+uint64_t budget_room(uint64_t total_written, const ZipMember *open_member)
+{
+    uint64_t used = budget_used(total_written, open_member);
+    return used < budget_limit ? budget_limit - used : 0;
+}
+
+}  // namespace
+
+void zip_budget_set(uint64_t limit)
+{
+    budget_limit = limit;
+    budget_reserve = 0;
+    open_input = 0;
+    budget_spent = false;
+}
+
+bool zip_budget_active() { return budget_limit != 0; }
+
+bool zip_budget_admits(uint64_t total_written, uint64_t bytes)
+{
+    if (budget_limit == 0)
+        return true;
+    if (!budget_spent && bytes <= budget_room(total_written, nullptr))
+        return true;
+    budget_spent = true;
+    return false;
+}
+
+void zip_budget_hold(uint64_t bytes) { budget_reserve = bytes; }
+
+bool zip_budget_exhausted() { return budget_spent; }
+
+uint64_t zip_member_cost(size_t name_length, uint64_t data_length)
+{
+    return LOCAL_HEADER_SIZE + name_length + deflate_bound(data_length) + DESCRIPTOR_SIZE +
+           directory_record_size(name_length);
+}
+
 int zip_write_u8(int out_fd, uint32_t value)
 {
     if (out_fd < 0)
@@ -252,6 +342,9 @@ int zip_finish_member(int out_fd, ZipMember *member, uint64_t *total_written)
 {
     if (out_fd < 0 || member == nullptr || total_written == nullptr)
         return -1;
+    // A file cut for the budget declares what it holds, so that it stays valid.
+    if (member->budget_cut && member->kind == MEMBER_FILE)
+        member->uncompressed_size = static_cast<uint32_t>(member->data_in);
     // Sizes always fit 32 bits: data stops at ZIP_MEMBER_LIMIT.
     Record descriptor;
     descriptor.u32(DESCRIPTOR_SIGNATURE)                              // data descriptor signature
@@ -329,6 +422,7 @@ int zip_member_list_add(const ZipMember *member)
     }
     // The caller closes its own stream; a copy holding it would close it twice.
     members.back().source_file = nullptr;
+    directory_bytes += directory_record_size(member->name.size());
     return 0;
 }
 
@@ -338,6 +432,7 @@ void zip_member_list_free()
         if (member.source_file != nullptr)
             fclose(member.source_file);
     std::vector<ZipMember>().swap(members);
+    directory_bytes = 0;
 }
 
 const std::vector<ZipMember> &zip_member_list() { return members; }
@@ -390,6 +485,7 @@ int zip_deflate_start()
 {
     // The output buffer is not cleared: deflate writes every byte that is
     // sent, and 32 KB of zeros per member was most of a small member's cost.
+    open_input = 0;
     if (deflate_ready) {
         // Rewind too: a member abandoned after a sink failure must not leave
         // its held-back bytes at the front of the next member's data.
@@ -422,25 +518,18 @@ int zip_deflate_end()
     return result;
 }
 
-int zip_deflate_chunk(ZipMember *member, int out_fd, const void *data, unsigned length, int flush,
-                      uint64_t *total_written)
+namespace {
+
+// Deflates length bytes into the member and sends every full buffer.
+int run_deflate(ZipMember *member, int out_fd, const unsigned char *data, unsigned length, int flush,
+                uint64_t *total_written)
 {
-    if (member == nullptr || out_fd < 0 || data == nullptr || total_written == nullptr)
-        return -1;
-    // Past the member limit the rest of the data is dropped: the member
-    // stays valid and the producer says in its ".err" member where it ended.
-    const uint64_t room = member->data_in < ZIP_MEMBER_LIMIT ? ZIP_MEMBER_LIMIT - member->data_in : 0;
-    if (length > room) {
-        length = static_cast<unsigned>(room);
-        member->cut = true;
-        if (length == 0 && flush != Z_FINISH)
-            return Z_OK;  // all dropped; deflate would call no input an error
-    }
     member->data_in += length;
-    stream.next_in = static_cast<Bytef *>(const_cast<void *>(data));
+    data_total += length;
+    stream.next_in = const_cast<Bytef *>(data);
     stream.avail_in = length;
     // CRC on the input as it passes; a collected file keeps its stat size.
-    member->crc32 = crc32(member->crc32, static_cast<const Bytef *>(data), length);
+    member->crc32 = crc32(member->crc32, data, length);
     if (member->kind == MEMBER_GENERATED)
         member->uncompressed_size += length;
 
@@ -452,7 +541,8 @@ int zip_deflate_chunk(ZipMember *member, int out_fd, const void *data, unsigned 
         }
         // Output is held until the buffer is full or the member ends: no
         // intermediate flushes, only large writes.
-        if (stream.avail_out == 0 || result == Z_STREAM_END) {
+        const bool full = stream.avail_out == 0;
+        if (full || result == Z_STREAM_END) {
             unsigned count = OUTPUT_BUFFER_SIZE - stream.avail_out;
             errno = 0;
             if (sink_write(output_buffer, count, out_fd) != 0)
@@ -462,11 +552,74 @@ int zip_deflate_chunk(ZipMember *member, int out_fd, const void *data, unsigned 
         }
         if (flush == Z_FINISH && result != Z_STREAM_END)
             continue;
-        if (stream.avail_in != 0)
+        if (stream.avail_in != 0 || (flush == Z_BLOCK && full))
             continue;
         member->compressed_size = static_cast<uint32_t>(stream.total_out);
         return result;
     }
+}
+
+// Under a budget: deflates as much of the data as surely fits. While the
+// bound of everything deflated since the last exact measure fits, data goes
+// through as usual; otherwise the open block is ended so that its size is
+// known, and pieces that fit follow, each ended too, until none is worth it.
+int deflate_within_budget(ZipMember *member, int out_fd, const unsigned char *data, unsigned length,
+                          int flush, uint64_t *total_written)
+{
+    while (length > 0 && !member->budget_cut) {
+        uint64_t room = budget_room(*total_written, member);
+        if (deflate_bound(open_input + length) <= room) {
+            open_input += length;
+            return run_deflate(member, out_fd, data, length, flush, total_written);
+        }
+        unsigned piece = 0;
+        if (open_input == 0) {
+            unsigned low = 0, high = length;
+            while (low < high) {
+                unsigned middle = low + (high - low + 1) / 2;
+                if (deflate_bound(middle) <= room)
+                    low = middle;
+                else
+                    high = middle - 1;
+            }
+            piece = low;
+            if (piece < MIN_PIECE) {
+                member->cut = member->budget_cut = true;
+                budget_spent = true;
+                break;
+            }
+        }
+        int result = run_deflate(member, out_fd, data, piece, Z_BLOCK, total_written);
+        if (result != Z_OK)
+            return result;
+        open_input = 0;
+        data += piece;
+        length -= piece;
+    }
+    static const unsigned char nothing = 0;
+    return flush == Z_FINISH ? run_deflate(member, out_fd, &nothing, 0, Z_FINISH, total_written) : Z_OK;
+}
+
+}  // namespace
+
+int zip_deflate_chunk(ZipMember *member, int out_fd, const void *data, unsigned length, int flush,
+                      uint64_t *total_written)
+{
+    if (member == nullptr || out_fd < 0 || data == nullptr || total_written == nullptr)
+        return -1;
+    // Past the member limit the rest of the data is dropped: the member
+    // stays valid and the producer says in its ".err" member where it ended.
+    const uint64_t room = member->data_in < ZIP_MEMBER_LIMIT ? ZIP_MEMBER_LIMIT - member->data_in : 0;
+    if (length > room) {
+        length = static_cast<unsigned>(room);
+        member->cut = true;
+    }
+    const unsigned char *bytes = static_cast<const unsigned char *>(data);
+    if (budget_limit != 0)
+        return deflate_within_budget(member, out_fd, bytes, length, flush, total_written);
+    if (length == 0 && flush != Z_FINISH)
+        return Z_OK;  // deflate would call no input an error
+    return run_deflate(member, out_fd, bytes, length, flush, total_written);
 }
 
 int zip_deflate_file(int out_fd, ZipMember *member, uint64_t *total_written, int *error_out)
@@ -506,6 +659,11 @@ int zip_deflate_file(int out_fd, ZipMember *member, uint64_t *total_written, int
             continue;
         int result = zip_deflate_chunk(member, out_fd, file_buffer, static_cast<unsigned>(count),
                                        at_end ? Z_FINISH : Z_NO_FLUSH, total_written);
+        if (member->budget_cut && !at_end) {
+            // Nothing more fits: end the member where its data stopped.
+            at_end = true;
+            result = zip_deflate_chunk(member, out_fd, file_buffer, 0, Z_FINISH, total_written);
+        }
         if (result != Z_OK && result != Z_STREAM_END) {
             // The chunk has printed a zlib message already; printing it
             // again here is intended.
@@ -550,6 +708,8 @@ int zip_deflate_fd(int out_fd, ZipMember *member, int source_fd, int final_flush
         return 0;
     }
 }
+
+uint64_t zip_data_total() { return data_total; }
 
 void zip_report_error(int code)
 {

@@ -43,7 +43,8 @@ struct ZipMember {
     FILE *source_file = nullptr;
     int32_t kind = 0;
     uint64_t data_in = 0;  // bytes handed to the deflate stream
-    bool cut = false;      // data stopped at ZIP_MEMBER_LIMIT
+    bool cut = false;      // data stopped at ZIP_MEMBER_LIMIT or at the budget
+    bool budget_cut = false;  // data stopped at the archive's budget
 };
 
 // The archive's running state: the offset of the next byte of the plain ZIP
@@ -73,6 +74,23 @@ int zip_member_list_add(const ZipMember *member);
 void zip_member_list_free();
 const std::vector<ZipMember> &zip_member_list();
 
+// The archive's budget: with a limit set, no byte past it is ever written.
+// Member data is cut where the next piece might not fit, keeping in reserve
+// the directory and end records still owed, the open member's descriptor
+// and directory record, and what the producer holds for later.
+void zip_budget_set(uint64_t limit);  // plain ZIP bytes; 0: no budget, and a fresh start
+bool zip_budget_active();
+// Whether bytes more of records and members fit after what is owed; a
+// refusal exhausts the budget.
+bool zip_budget_admits(uint64_t total_written, uint64_t bytes);
+// The producer's reserve for members it must still write.
+void zip_budget_hold(uint64_t bytes);
+// Set once a member was cut or refused for the budget.
+bool zip_budget_exhausted();
+// The most a member with this name and this much data adds to the archive,
+// its directory record included.
+uint64_t zip_member_cost(size_t name_length, uint64_t data_length);
+
 int zip_open_member_file(ZipMember *member);
 int zip_close_member_file(ZipMember *member);
 
@@ -85,5 +103,7 @@ int zip_deflate_file(int out_fd, ZipMember *member, uint64_t *total_written, int
 int zip_deflate_fd(int out_fd, ZipMember *member, int source_fd, int final_flush,
                    uint64_t *total_written);
 void zip_report_error(int code);
+// Bytes deflated into every member so far.
+uint64_t zip_data_total();
 
 #endif

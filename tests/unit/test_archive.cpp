@@ -278,3 +278,46 @@ TEST(Archive, OffsetsPast4GiBTakeZip64)
 }
 
 }  // namespace
+
+// A budget is used to within a few records' worth and never passed, at both levels, for
+// data that does not compress and data that does; the cut member stays whole for readers.
+TEST(Archive, BudgetIsFilledButNeverPassed)
+{
+    qt::TempDir dir;
+    for (int level_zero : {0, 1}) {
+        for (unsigned alphabet : {256u, 4u}) {
+            for (uint64_t limit : {3000u, 20000u, 100000u}) {
+                SCOPED_TRACE(std::to_string(level_zero) + " " + std::to_string(alphabet) + " " + std::to_string(limit));
+                const std::string path = dir.file("budget.zip"), data = bytes_of(1 << 20, alphabet);
+                ASSERT_EQ(0, in_child(path, 0, [&](int fd) {
+                    zip_deflate_end();
+                    no_compression = level_zero;
+                    zip_member_list_free();
+                    zip_budget_set(limit);
+                    uint64_t total = 0;
+                    ZipMember member;
+                    zip_member_init(&member, MEMBER_GENERATED);
+                    member.name = "data";
+                    EXPECT_TRUE(zip_budget_admits(total, zip_member_cost(4, 256)));
+                    EXPECT_EQ(quelvane_z_output_local_file_header(fd, &member, &total), 0);
+                    for (size_t at = 0; at < data.size(); at += 1024)
+                        EXPECT_EQ(zip_deflate_chunk(&member, fd, &data[at], 1024, at + 1024 < data.size() ? Z_NO_FLUSH : Z_FINISH,
+                                                    &total) < 0, false);
+                    EXPECT_TRUE(member.budget_cut && zip_budget_exhausted());
+                    EXPECT_EQ(zip_finish_member(fd, &member, &total), 0);
+                    EXPECT_FALSE(zip_budget_admits(total, zip_member_cost(1, 0)));
+                    EXPECT_EQ(zip_finish_archive(fd, &total), 0);
+                    zip_budget_set(0);
+                    return 0;
+                }));
+                const std::string bytes = qt::read_file(path);
+                EXPECT_LE(bytes.size(), limit);
+                EXPECT_GE(bytes.size() + 256, limit);
+                const qt::ZipArchive zip = qt::read_zip(bytes);
+                ASSERT_EQ(zip.error, "");
+                EXPECT_EQ(zip.entries.at(0).data, data.substr(0, zip.entries.at(0).data.size()));
+                EXPECT_EQ(qt::check_real_readers(path), "");
+            }
+        }
+    }
+}
