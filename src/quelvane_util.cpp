@@ -3,7 +3,9 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -12,6 +14,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <memory>
 #include <new>
 #include <vector>
@@ -412,4 +415,184 @@ int mark_max_domains(int *max_domains)
         return -1;
     *max_domains = 1;
     return 0;
+}
+
+// ---------------------------------------------------------------------------
+// Progress channel
+// ---------------------------------------------------------------------------
+
+namespace {
+
+int progress_fd = -1;
+unsigned long long lines_lost;
+// A line is written in one call no longer than PIPE_BUF, so a pipe takes it
+// whole or not at all.
+constexpr size_t LINE_MAX_BYTES = 4096;
+
+// 1 written, 0 no room now, -1 the reader is gone.
+int send_line(const char *line, size_t length)
+{
+    ssize_t written;
+    do {
+        written = write(progress_fd, line, length);
+    } while (written == -1 && errno == EINTR);
+    if (written == static_cast<ssize_t>(length))
+        return 1;
+    if (written == -1 && (errno == EAGAIN || errno == EWOULDBLOCK))
+        return 0;
+    return -1;
+}
+
+}  // namespace
+
+int progress_channel_open(int fd)
+{
+    int flags = fd >= 0 ? fcntl(fd, F_GETFL) : -1;
+    if (flags == -1 || fd <= STDERR_FILENO)
+        return -1;
+    fcntl(fd, F_SETFL, flags | O_NONBLOCK);
+    fcntl(fd, F_SETFD, FD_CLOEXEC);
+    progress_fd = fd;
+    lines_lost = 0;
+    return 0;
+}
+
+bool progress_channel_active() { return progress_fd >= 0; }
+
+void progress_event(const char *format, ...)
+{
+    if (progress_fd < 0)
+        return;
+    char line[LINE_MAX_BYTES];
+    va_list arguments;
+    va_start(arguments, format);
+    int length = vsnprintf(line, sizeof line, format, arguments);
+    va_end(arguments);
+    if (length <= 0)
+        return;
+    if (static_cast<size_t>(length) >= sizeof line) {
+        length = sizeof line - 1;  // cut, still one line
+        line[length - 1] = '\n';
+    }
+    int sent = 1;
+    if (lines_lost > 0) {
+        char lost[48];
+        int lost_length = snprintf(lost, sizeof lost, "LOST %llu\n", lines_lost);
+        sent = send_line(lost, static_cast<size_t>(lost_length));
+        if (sent == 1)
+            lines_lost = 0;
+    }
+    if (sent == 1)
+        sent = send_line(line, static_cast<size_t>(length));
+    if (sent == 0)
+        ++lines_lost;
+    else if (sent == -1)
+        progress_fd = -1;  // nobody reads any more; the run goes on
+}
+
+// ---------------------------------------------------------------------------
+// Deadline
+// ---------------------------------------------------------------------------
+
+namespace {
+
+long long deadline_ms = -1;
+
+long long monotonic_ms()
+{
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<long long>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
+
+}  // namespace
+
+void run_deadline_set(unsigned seconds)
+{
+    deadline_ms = monotonic_ms() + static_cast<long long>(seconds) * 1000;
+}
+
+long long run_deadline_left_ms()
+{
+    if (deadline_ms < 0)
+        return -1;
+    long long left = deadline_ms - monotonic_ms();
+    return left > 0 ? left : 0;
+}
+
+bool run_deadline_passed() { return run_deadline_left_ms() == 0; }
+
+// ---------------------------------------------------------------------------
+// Gentle mode
+// ---------------------------------------------------------------------------
+
+namespace {
+
+constexpr int IOPRIO_CLASS_IDLE = 3;
+constexpr int IOPRIO_CLASS_SHIFT = 13;
+constexpr int IOPRIO_WHO_PROCESS = 1;
+constexpr int LOWEST_PRIORITY = 19;
+
+// Pressure at which we wait: share of the last 10 s in which some task was
+// stalled on the CPU or on I/O.
+constexpr double CPU_PRESSURE_LIMIT = 40.0;
+constexpr double IO_PRESSURE_LIMIT = 30.0;
+constexpr long PAUSE_STEP_MS = 500;
+constexpr long long PAUSE_TOTAL_MS = 30000;
+
+bool gentle;
+long long paused_ms;
+
+bool pressure_file_high(const char *path, double threshold)
+{
+    char text[256] = {};
+    int fd = open(path, O_RDONLY | O_CLOEXEC);
+    if (fd == -1)
+        return false;  // no pressure accounting: never wait
+    ssize_t got = read(fd, text, sizeof text - 1);
+    close(fd);
+    return got > 0 && pressure_high(text, threshold);
+}
+
+}  // namespace
+
+bool pressure_high(const char *text, double threshold)
+{
+    const char *some = text != nullptr ? strstr(text, "some ") : nullptr;
+    const char *average = some != nullptr ? strstr(some, "avg10=") : nullptr;
+    if (average == nullptr)
+        return false;
+    char *end = nullptr;
+    double value = strtod(average + 6, &end);
+    return end != average + 6 && value >= threshold;
+}
+
+int gentle_start()
+{
+    // Both are inherited across fork and exec: every command runs as we do.
+    if (setpriority(PRIO_PROCESS, 0, LOWEST_PRIORITY) != 0 ||
+        syscall(SYS_ioprio_set, IOPRIO_WHO_PROCESS, 0, IOPRIO_CLASS_IDLE << IOPRIO_CLASS_SHIFT) != 0) {
+        int error = errno;
+        fprintf(stderr, _("Unable to lower the priority for --gentle: %s\n"), strerror(error));
+        return -1;
+    }
+    gentle = true;
+    return 0;
+}
+
+void gentle_pause()
+{
+    while (gentle && !interrupted_by_user && paused_ms < PAUSE_TOTAL_MS &&
+           (pressure_file_high("/proc/pressure/cpu", CPU_PRESSURE_LIMIT) ||
+            pressure_file_high("/proc/pressure/io", IO_PRESSURE_LIMIT))) {
+        long long step = PAUSE_STEP_MS;
+        long long left = run_deadline_left_ms();
+        if (left == 0)
+            return;
+        if (left > 0 && left < step)
+            step = left;
+        struct timespec pause = {0, static_cast<long>(step) * 1000000};
+        nanosleep(&pause, nullptr);
+        paused_ms += step;
+    }
 }

@@ -53,6 +53,28 @@ int print_progress(const char *format, ...) __attribute__((format(printf, 1, 2))
 int ask_yes_no(const char *prompt, int yes, int no);
 int write_download_header(int fd, const char *name);
 int get_injected_spswdown();
+
+// The progress channel (--progress-fd): lines for a program, never waited
+// for. A line that does not fit the reader's pipe is counted, and the count
+// goes out as "LOST n" before the next line that fits.
+constexpr int PROGRESS_PROTOCOL = 1;
+int progress_channel_open(int fd);  // 0, or -1 when fd is not open
+bool progress_channel_active();
+void progress_event(const char *format, ...) __attribute__((format(printf, 1, 2)));
+
+// The run's deadline (--deadline), on the monotonic clock.
+void run_deadline_set(unsigned seconds);
+bool run_deadline_passed();
+// Milliseconds left, or -1 without a deadline.
+long long run_deadline_left_ms();
+
+// Gentle mode (--gentle): lowest CPU priority and idle I/O for the tool and
+// every command it starts, and pauses between entries while the machine is
+// under pressure.
+int gentle_start();  // 0, or -1 after a message
+void gentle_pause();
+// Whether a pressure file's "some avg10=" figure reaches the threshold.
+bool pressure_high(const char *text, double threshold);
 int mark_max_domains(int *max_domains);
 
 #endif

@@ -140,3 +140,19 @@ TEST(ConfigSignals, ChildExitRestartsAReadAlarmBreaksItFirstInterruptCounts) {
 }
 
 }  // namespace
+
+// --gentle waits while a pressure file's "some avg10" reaches the threshold, and never for
+// text it cannot read.
+TEST(GentlePressure, SomeAverageOverTenSeconds) {
+    const struct { const char *text; bool high; } CASES[] = {
+        {"some avg10=55.00 avg60=1.00 avg300=0.00 total=1\nfull avg10=0.00 avg60=0.00 avg300=0.00 total=0\n", true},
+        {"some avg10=40.00 avg60=90.00 avg300=90.00 total=1\n", true},
+        {"some avg10=39.99 avg60=90.00 avg300=90.00 total=1\n", false},
+        {"full avg10=99.00 avg60=0.00 avg300=0.00 total=1\n", false},
+        {"some avg10= avg60=1.00\n", false},
+        {"", false},
+        {nullptr, false},
+    };
+    for (const auto &c : CASES)
+        EXPECT_EQ(pressure_high(c.text, 40.0), c.high) << (c.text ? c.text : "null");
+}
