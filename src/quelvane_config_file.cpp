@@ -1,6 +1,7 @@
 // Configuration file, dataset letters, member names, command lines, signals.
 #include "quelvane_config_file.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <climits>
@@ -10,6 +11,7 @@
 #include <glob.h>
 #include <memory>
 #include <new>
+#include <utility>
 #include <strings.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -153,6 +155,22 @@ struct GlobState {
 };
 
 GlobState glob_state;
+bool glob_by_age;
+
+// Newest first; matches that cannot be looked at go last, names breaking ties.
+void sort_newest_first(glob_t *result)
+{
+    std::vector<std::pair<time_t, char *>> matches;
+    for (size_t i = 0; i < result->gl_pathc; ++i) {
+        struct stat status;
+        time_t when = stat(result->gl_pathv[i], &status) == 0 ? status.st_mtime : 0;
+        matches.emplace_back(when, result->gl_pathv[i]);
+    }
+    std::stable_sort(matches.begin(), matches.end(),
+                     [](const auto &a, const auto &b) { return a.first > b.first; });
+    for (size_t i = 0; i < matches.size(); ++i)
+        result->gl_pathv[i] = matches[i].second;
+}
 
 } // namespace
 
@@ -482,6 +500,13 @@ int config_glob_next(ConfigEntry *entry)
             glob_state.release();
             return -1;
         }
+        if (glob_by_age && entry->type == ENTRY_LOG) {
+            try {
+                sort_newest_first(&glob_state.result);
+            } catch (const std::bad_alloc &) {
+                // Name order, then.
+            }
+        }
     } else if (!glob_state.active) {
         return -1;
     }
@@ -499,6 +524,8 @@ int config_glob_next(ConfigEntry *entry)
     glob_state.index++;
     return 0;
 }
+
+void config_glob_newest_first(bool newest_first) { glob_by_age = newest_first; }
 
 int quelvane_signal_setup()
 {

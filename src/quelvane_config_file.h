@@ -68,6 +68,9 @@ int quelvane_zip_stderr_member(const ConfigEntry *entry, ZipMember *member, int 
 // Pattern expansion of a file/log entry: with an entry, start; with null,
 // the next match. 0 when entry->path holds a match, -1 when none is left.
 int config_glob_next(ConfigEntry *entry);
+// Log patterns' matches newest first (rotated siblings: the oldest come
+// last, where a budget drops them); otherwise in name order.
+void config_glob_newest_first(bool newest_first);
 
 int quelvane_signal_setup();
 void quelvane_signal_child(int signo, siginfo_t *info, void *context);

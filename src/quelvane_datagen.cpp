@@ -63,10 +63,15 @@ ssize_t write_retrying(int fd, const void *data, size_t length)
     return static_cast<ssize_t>(done);
 }
 
+// Archive bytes handed to the output so far, the encryption header included.
+uint64_t delivered;
+
 int write_out(int fd, const void *bytes, size_t count)
 {
-    if (write_retrying(fd, bytes, count) != -1)
+    if (write_retrying(fd, bytes, count) != -1) {
+        delivered += count;
         return 0;
+    }
     int error = errno;  // before the catalogue lookup can touch it
     fprintf(stderr, "%s: %s\n", _("Error writing data file"), strerror(error));
     errno = error;
@@ -130,6 +135,7 @@ int sink_encrypt_start(const char *password, int out_fd)
             cipher.reset();
             return -1;
         }
+        delivered += sizeof ENCRYPTED_MAGIC - 1 + sizeof salt;
     }
     encryption_active = 1;
     return 0;
@@ -183,8 +189,13 @@ int sink_encrypt_finish(int out_fd)
         return -1;
     ssize_t written = flush_pending() == 0 ? write_retrying(out_fd, staging, static_cast<size_t>(staging_count)) : -1;
     cipher.reset();
-    return written == -1 ? -1 : 0;
+    if (written == -1)
+        return -1;
+    delivered += static_cast<uint64_t>(written);
+    return 0;
 }
+
+uint64_t sink_delivered() { return delivered; }
 
 // ---------------------------------------------------------------------------
 // Collection
@@ -211,6 +222,25 @@ Bufchain stderr_chain;
 Bufchain message_chain;
 
 const char CUT_MESSAGE[] = "QUELVANE MSG: Data cut at %lu bytes, the largest member an archive holds\n";
+const char BUDGET_CUT_MESSAGE[] = "QUELVANE MSG: Data cut at %llu bytes, the archive's size limit\n";
+
+// How the entry being collected went: the worst of its parts.
+int entry_result;
+void note_result(int result)
+{
+    if (result > entry_result)
+        entry_result = result;
+}
+
+// Under a budget: what the SKIPPED member may still need, and what an
+// entry's ".err" member needs for our own lines (a cut, a time-out, an exit
+// code), kept from its other data.
+uint64_t skipped_reserve;
+constexpr uint64_t NOTE_RESERVE = 512;
+// The least data an entry must have room for to be started at all.
+constexpr uint64_t MIN_DATA = 256;
+// Why the walk stops early: "deadline" or "max-size"; null while it goes on.
+const char *stop_reason;
 
 // Two seconds for a signalled command group to go before the run goes on.
 constexpr time_t KILL_GRACE_SECONDS = 2;
@@ -307,15 +337,21 @@ int write_chain_member(int out_fd, Bufchain *chain, ZipMember *member, ZipWriter
     uint64_t *total = &archive->total_written;
     const bool two = more != nullptr && !chain_empty(more);
     if (quelvane_z_output_local_file_header(out_fd, member, total) != 0 ||
-        quelvane_bufchain_write(chain, member, out_fd, total, two ? Z_NO_FLUSH : Z_FINISH) != 0 ||
-        (two && quelvane_bufchain_write(more, member, out_fd, total, Z_FINISH) != 0) ||
+        quelvane_bufchain_write(chain, member, out_fd, total, two ? Z_NO_FLUSH : Z_FINISH) != 0)
+        return -1;
+    // Our own lines use the room held for them.
+    if (zip_budget_active())
+        zip_budget_hold(skipped_reserve);
+    if ((two && quelvane_bufchain_write(more, member, out_fd, total, Z_FINISH) != 0) ||
         zip_finish_member(out_fd, member, total) != 0)
         return -1;
     return 0;
 }
 
-int add_cut_message(Bufchain *chain)
+int add_cut_message(Bufchain *chain, const ZipMember &member)
 {
+    if (member.budget_cut)
+        return quelvane_vbprintf(chain, _(BUDGET_CUT_MESSAGE), static_cast<unsigned long long>(member.data_in));
     return quelvane_vbprintf(chain, _(CUT_MESSAGE), static_cast<unsigned long>(ZIP_MEMBER_LIMIT));
 }
 
@@ -450,10 +486,11 @@ int quelvane_execute_command(int out_fd, ConfigEntry *entry, ZipWriter *archive,
 
     const char *program = entry->argv.empty() ? entry->path.c_str() : entry->argv[0].c_str();
     if (access(program, X_OK) != 0) {
-        if (quelvane_vbprintf(&stderr_chain, _("QUELVANE MSG: %s does not exist on this platform\n"),
+        note_result(RESULT_ERROR);
+        if (quelvane_vbprintf(&message_chain, _("QUELVANE MSG: %s does not exist on this platform\n"),
                               entry->path.c_str()) < 0)
             return -1;
-        if (write_chain_member(out_fd, &stderr_chain, &err_member, archive) != 0) {
+        if (write_chain_member(out_fd, &stderr_chain, &err_member, archive, &message_chain) != 0) {
             print_progress(_("Error with output\n"));
             return -2;
         }
@@ -503,8 +540,14 @@ int quelvane_execute_command(int out_fd, ConfigEntry *entry, ZipWriter *archive,
     for (int fd : {out_read, err_read})
         fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
 
+    // The run's deadline stops the command as its own time-out would.
     struct itimerval timer = {};
     timer.it_value.tv_sec = entry->timeout;
+    const long long left_ms = run_deadline_left_ms();
+    if (left_ms >= 0 && left_ms < static_cast<long long>(entry->timeout) * 1000) {
+        timer.it_value.tv_sec = static_cast<time_t>(left_ms / 1000);
+        timer.it_value.tv_usec = static_cast<suseconds_t>(left_ms % 1000 * 1000 + 1);
+    }
     if (setitimer(ITIMER_REAL, &timer, nullptr) != 0) {
         perror("setitimer");
         return -1;
@@ -591,10 +634,11 @@ int quelvane_execute_command(int out_fd, ConfigEntry *entry, ZipWriter *archive,
         return -2;
     }
     read_stderr(err_read, _("Error buffering stderr ret=%d fd=%d errno=%d\n"));
-    if (out_member.cut && add_cut_message(&message_chain) < 0)
+    if (out_member.cut && add_cut_message(&message_chain, out_member) < 0)
         fputs(_("Error withquelvane_vbprintf: Exit\n"), stderr);
 
     if (ending == Ending::timed_out) {
+        note_result(RESULT_TIMEOUT);
         if (quelvane_vbprintf(&message_chain, _("QUELVANE MSG: Command Timeout: Exit Signal: %d\n"),
                               status & 0x7f) < 0) {
             fputs(_("Error withquelvane_vbprintf: TO message\n"), stderr);
@@ -612,6 +656,7 @@ int quelvane_execute_command(int out_fd, ConfigEntry *entry, ZipWriter *archive,
     // did not send is reported as having exited normally.
     const int exit_code = (status & 0x7f) == 0 ? (status >> 8) & 0xff : 0;
     if (exit_code != 0) {
+        note_result(RESULT_ERROR);
         // The exit code is described as if it were an errno value.
         if (quelvane_vbprintf(&message_chain, _("QUELVANE MSG: Child exited with %d: %s\n"), exit_code,
                               strerror(exit_code)) < 0) {
@@ -620,6 +665,8 @@ int quelvane_execute_command(int out_fd, ConfigEntry *entry, ZipWriter *archive,
         }
     }
     const bool interrupted = ending == Ending::interrupted;
+    if (interrupted)
+        note_result(RESULT_INTERRUPTED);
     if (interrupted && quelvane_vbprintf(&message_chain, _("QUELVANE MSG: User Interrupt\n")) < 0) {
         fputs(_("Error withquelvane_vbprintf: Interrupt Message\n"), stderr);
         return -1;
@@ -758,7 +805,7 @@ int datagen_collect_file(int out_fd, ConfigEntry *entry, ZipWriter *archive)
             zip_finish_member(out_fd, &file_member, &archive->total_written) == 0) {
             zip_close_member_file(&file_member);
             print_progress(_(" - Status: ok\n"));
-            if (file_member.cut && add_cut_message(&stderr_chain) < 0) {
+            if (file_member.cut && add_cut_message(&message_chain, file_member) < 0) {
                 fprintf(stderr, _("quelvane_vbprintf: unable to write stderr buffer: '%s'\n"), path);
                 chain_failed = true;
             }
@@ -787,11 +834,41 @@ int datagen_collect_file(int out_fd, ConfigEntry *entry, ZipWriter *archive)
         }
     }
 
-    if (result != -2 && !chain_failed && !chain_empty(&stderr_chain) &&
-        write_chain_member(out_fd, &stderr_chain, &err_member, archive) != 0)
+    if (result != -2 && !chain_failed && (!chain_empty(&stderr_chain) || !chain_empty(&message_chain)) &&
+        write_chain_member(out_fd, &stderr_chain, &err_member, archive, &message_chain) != 0)
         result = -2;
     return result;
 }
+
+namespace {
+
+// Whether the walk may start more work making these two members: not past
+// the deadline, and under a budget only with room for the first with a
+// little data and for the second with our lines, on top of what the SKIPPED
+// member may need. That room for the second is then held.
+bool may_start(const ZipWriter *archive, const std::string &name, const std::string &err_name)
+{
+    if (stop_reason == nullptr && zip_budget_exhausted())
+        stop_reason = "max-size";
+    if (stop_reason == nullptr && run_deadline_passed())
+        stop_reason = "deadline";
+    if (stop_reason == nullptr && zip_budget_active()) {
+        const uint64_t err_cost = zip_member_cost(err_name.size(), NOTE_RESERVE);
+        zip_budget_hold(skipped_reserve);
+        if (zip_budget_admits(archive->total_written, zip_member_cost(name.size(), MIN_DATA) + err_cost))
+            zip_budget_hold(skipped_reserve + err_cost);
+        else
+            stop_reason = "max-size";
+    }
+    return stop_reason == nullptr;
+}
+
+bool may_start_file(const ZipWriter *archive, const ConfigEntry *entry)
+{
+    return may_start(archive, quelvane_config_path_name(entry, nullptr), quelvane_config_path_name(entry, ".err"));
+}
+
+}  // namespace
 
 int datagen_collect_file_entry(int out_fd, ConfigEntry *entry, ZipWriter *archive, unsigned *errors)
 {
@@ -801,6 +878,8 @@ int datagen_collect_file_entry(int out_fd, ConfigEntry *entry, ZipWriter *archiv
         int result = datagen_collect_file(out_fd, entry, archive);
         if (result == -1)
             ++*errors;
+        if (result != 0)
+            note_result(RESULT_ERROR);
         return result;
     }
     // A pattern without matches is no error: configurations list files that
@@ -809,9 +888,15 @@ int datagen_collect_file_entry(int out_fd, ConfigEntry *entry, ZipWriter *archiv
         return 0;
     int result = 0;
     do {
+        if (!may_start_file(archive, entry)) {
+            note_result(RESULT_SKIPPED);
+            break;
+        }
         result = datagen_collect_file(out_fd, entry, archive);
         if (result == -2)
             return -2;
+        if (result != 0)
+            note_result(RESULT_ERROR);
         if (result == -1)
             ++*errors;
     } while (config_glob_next(nullptr) == 0);
@@ -912,13 +997,20 @@ int datagen_run_command_entry(int out_fd, ConfigEntry *entry, ZipWriter *archive
         }
         if (entry->command.empty()) {
             ++*errors;
+            note_result(RESULT_ERROR);
             result = 0;
+        } else if (index > 0 && !may_start(archive, quelvane_config_output_name(entry, ".out", index),
+                                           quelvane_config_output_name(entry, ".err", index))) {
+            note_result(RESULT_SKIPPED);
+            break;
         } else {
             result = quelvane_execute_command(out_fd, entry, archive, index);
             if (result == -2)
                 return -2;
-            if (result == -1)
+            if (result == -1) {
                 ++*errors;
+                note_result(RESULT_ERROR);
+            }
         }
         // An interrupt stops the next domain's run as it stops the next entry.
         if (!entry->uses_domain || index + 1 >= max_domains || interrupted_by_user)
@@ -927,35 +1019,137 @@ int datagen_run_command_entry(int out_fd, ConfigEntry *entry, ZipWriter *archive
     return result;
 }
 
+namespace {
+
+const char *const KIND_NAMES[] = {"cmd", "file", "log", "cut"};
+const char *const RESULT_NAMES[] = {"ok", "error", "timeout", "interrupted", "skipped"};
+
+// The entries the limits left out, one line each for the SKIPPED member.
+std::string skipped_lines;
+
+long long elapsed_ms(const struct timespec &start)
+{
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return (now.tv_sec - start.tv_sec) * 1000LL + (now.tv_nsec - start.tv_nsec) / 1000000;
+}
+
+// The entry's member as the progress channel and SKIPPED name it: a
+// command's first output member, a file's member or pattern.
+std::string entry_member(const ConfigEntry *entry)
+{
+    if (entry->type == ENTRY_CMD || entry->type == ENTRY_CUT)
+        return quelvane_config_output_name(entry, ".out", 0);
+    return quelvane_config_path_name(entry, nullptr);
+}
+
+std::string skipped_line(const char *reason, size_t number, const ConfigEntry *entry, const std::string &member)
+{
+    return std::string(reason) + " " + std::to_string(number) + " " + KIND_NAMES[entry->type] + " " + member + "\n";
+}
+
+}  // namespace
+
 int datagen_walk_entries(int out_fd, ConfigList *list, ZipWriter *archive, uint32_t datasets,
                          int sp_sw_down, int max_domains)
 {
     if (out_fd < 0 || list == nullptr || archive == nullptr)
         return -1;
-    unsigned errors = 0;
-    for (ConfigEntry *entry = list->head; entry != nullptr && !interrupted_by_user;
-         entry = entry->next) {
-        if (sp_sw_down && !entry->collect_when_spswdown)
-            continue;
-        if ((entry->datasets & datasets) == 0)
-            continue;
-        int result;
-        switch (entry->type) {
-        case ENTRY_CMD:
-        case ENTRY_CUT:
-            result = datagen_run_command_entry(out_fd, entry, archive, &errors, max_domains);
-            break;
-        case ENTRY_FILE:
-        case ENTRY_LOG:
-            result = datagen_collect_file_entry(out_fd, entry, archive, &errors);
-            break;
-        default:
-            continue;
+    try {
+        std::vector<ConfigEntry *> selected;
+        std::vector<std::string> members;
+        for (ConfigEntry *entry = list->head; entry != nullptr; entry = entry->next) {
+            if ((sp_sw_down && !entry->collect_when_spswdown) || (entry->datasets & datasets) == 0 ||
+                entry->type > ENTRY_CUT)
+                continue;
+            selected.push_back(entry);
+            members.push_back(entry_member(entry));
         }
-        if (result == -2)
-            return -2;
-    }
-    if (interrupted_by_user)
+        // What SKIPPED may still need from each entry on: a line for it and
+        // every later one, and the member's records (its name is never longer
+        // than an entry's directory plus "/SKIPPED").
+        std::vector<uint64_t> reserve(selected.size() + 1, 0);
+        if (zip_budget_active()) {
+            size_t longest = 0;
+            for (size_t i = selected.size(); i-- > 0;) {
+                reserve[i] = reserve[i + 1] + skipped_line("max-size", i + 1, selected[i], members[i]).size();
+                longest = std::max(longest, selected[i]->member_name.size());
+            }
+            for (size_t i = 0; i < selected.size(); ++i)
+                reserve[i] = zip_member_cost(longest + 8, reserve[i]);
+        }
+        stop_reason = nullptr;
+        skipped_lines.clear();
+        progress_event("BEGIN %zu v%d\n", selected.size(), PROGRESS_PROTOCOL);
+
+        unsigned errors = 0;
+        for (size_t i = 0; i < selected.size() && !interrupted_by_user; ++i) {
+            ConfigEntry *entry = selected[i];
+            const size_t number = i + 1;
+            const std::string &member = members[i];
+            skipped_reserve = reserve[i];
+            if (stop_reason == nullptr)
+                gentle_pause();
+            bool start = false;
+            if (entry->type == ENTRY_CMD || entry->type == ENTRY_CUT)
+                start = may_start(archive, member, quelvane_config_output_name(entry, ".err", 0));
+            else if (entry->literal_path)
+                start = may_start_file(archive, entry);
+            else
+                start = may_start(archive, member, quelvane_config_path_name(entry, ".err"));
+            if (!start) {
+                skipped_lines += skipped_line(stop_reason, number, entry, member);
+                ++errors;
+                progress_event("END %zu %s skipped 0 0 0\n", number, member.c_str());
+                continue;
+            }
+
+            progress_event("START %zu %s %s\n", number, KIND_NAMES[entry->type], member.c_str());
+            struct timespec started;
+            clock_gettime(CLOCK_MONOTONIC, &started);
+            const uint64_t in_before = zip_data_total();
+            const uint64_t out_before = archive->total_written;
+            entry_result = RESULT_OK;
+            int result = entry->type == ENTRY_CMD || entry->type == ENTRY_CUT
+                             ? datagen_run_command_entry(out_fd, entry, archive, &errors, max_domains)
+                             : datagen_collect_file_entry(out_fd, entry, archive, &errors);
+            if (result == -2)
+                return -2;
+            if (entry_result == RESULT_SKIPPED) {
+                // Partly collected: the rest of its matches or domains.
+                skipped_lines += skipped_line(stop_reason, number, entry, member);
+                ++errors;
+            }
+            progress_event("END %zu %s %s %llu %llu %lld\n", number, member.c_str(), RESULT_NAMES[entry_result],
+                           static_cast<unsigned long long>(zip_data_total() - in_before),
+                           static_cast<unsigned long long>(archive->total_written - out_before),
+                           elapsed_ms(started));
+        }
+        if (interrupted_by_user)
+            return -1;
+        return static_cast<int>(errors);
+    } catch (const std::bad_alloc &) {
         return -1;
-    return static_cast<int>(errors);
+    }
+}
+
+int datagen_write_skipped(int out_fd, ZipWriter *archive, const char *prefix)
+{
+    if (out_fd < 0 || archive == nullptr || prefix == nullptr)
+        return -1;
+    if (skipped_lines.empty())
+        return 0;
+    try {
+        ZipMember member;
+        zip_member_init(&member, MEMBER_GENERATED);
+        member.name = top_member_name(prefix, "SKIPPED");
+        Bufchain text;
+        if (quelvane_bufchain_add(&text, skipped_lines.data(), static_cast<int>(skipped_lines.size())) != 0)
+            return -1;
+        // Its room was held all along; nothing else is left to hold it for.
+        zip_budget_hold(0);
+        return write_chain_member(out_fd, &text, &member, archive) == 0 ? 0 : -2;
+    } catch (const std::bad_alloc &) {
+        return -1;
+    }
 }

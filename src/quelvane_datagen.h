@@ -17,6 +17,11 @@ int sink_write(const void *data, size_t length, int out_fd);
 // Sends what sink_write has gathered: 0, or -1 after the write error's message.
 int sink_flush(int out_fd);
 int sink_encrypt_finish(int out_fd);
+// Archive bytes delivered so far, encryption included.
+uint64_t sink_delivered();
+
+// How an entry went, worst last, as the progress channel names them.
+enum { RESULT_OK, RESULT_ERROR, RESULT_TIMEOUT, RESULT_INTERRUPTED, RESULT_SKIPPED };
 
 // Collection.
 int quelvane_execute_command(int out_fd, ConfigEntry *entry, ZipWriter *archive, int index);
@@ -32,6 +37,10 @@ int datagen_write_config(int out_fd, ZipWriter *archive, const char *prefix,
                          const char *config_file);
 int datagen_walk_entries(int out_fd, ConfigList *list, ZipWriter *archive, uint32_t datasets,
                          int sp_sw_down, int max_domains);
+// The SKIPPED member: one line for each entry the deadline or the budget
+// left out ("<reason> <number> <kind> <member>"), written only when there
+// is one.
+int datagen_write_skipped(int out_fd, ZipWriter *archive, const char *prefix);
 int datagen_run_command_entry(int out_fd, ConfigEntry *entry, ZipWriter *archive,
                               unsigned *errors, int max_domains);
 
