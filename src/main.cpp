@@ -8,7 +8,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cerrno>
+#include <cstdint>
 #include <clocale>
 #include <cstdio>
 #include <cstdlib>
@@ -36,10 +38,14 @@ const char VERSION[] = "1.1";
 
 // Additions to the command line are long options only, so that every short
 // option, message and exit status stays as it was.
-enum { OPTION_HELP = 256, OPTION_VERSION };
+enum { OPTION_HELP = 256, OPTION_VERSION, OPTION_PROGRESS_FD, OPTION_DEADLINE, OPTION_GENTLE, OPTION_MAX_SIZE };
 const struct option LONG_OPTIONS[] = {
     {"help", no_argument, nullptr, OPTION_HELP},
     {"version", no_argument, nullptr, OPTION_VERSION},
+    {"progress-fd", required_argument, nullptr, OPTION_PROGRESS_FD},
+    {"deadline", required_argument, nullptr, OPTION_DEADLINE},
+    {"gentle", no_argument, nullptr, OPTION_GENTLE},
+    {"max-size", required_argument, nullptr, OPTION_MAX_SIZE},
     {nullptr, 0, nullptr, 0},
 };
 
@@ -63,9 +69,43 @@ const char *const HELP_LINES[] = {
     "  -u ARG           no download header with -b",
     "  -v               progress lines",
     "  -y               answer every confirmation with yes",
+    "      --deadline=SECONDS   end the run in time: what is left is listed in SKIPPED",
+    "      --gentle             lowest CPU and I/O priority; pause while the machine is busy",
+    "      --max-size=BYTES     the archive never grows past BYTES (suffixes K, M, G)",
+    "      --progress-fd=FD     progress lines for a program on descriptor FD",
     "      --help       this list, then exit",
     "      --version    the name and version, then exit",
 };
+
+// The smallest budget: room for README, CONFIG and the records that end
+// an archive.
+constexpr uint64_t MIN_MAX_SIZE = 4096;
+// What encryption adds: its header, and at most one block of padding.
+constexpr uint64_t ENCRYPTION_OVERHEAD = 32;
+
+// A whole number in [low, high], optionally followed by one of the suffixes;
+// false for anything else.
+bool parse_number(const char *text, const char *suffixes, uint64_t low, uint64_t high, uint64_t *value)
+{
+    if (text == nullptr || !isdigit(static_cast<unsigned char>(text[0])))
+        return false;
+    errno = 0;
+    char *end = nullptr;
+    unsigned long long number = strtoull(text, &end, 10);
+    if (errno != 0)
+        return false;
+    uint64_t scale = 1;
+    if (*end != '\0') {
+        const char *suffix = strchr(suffixes, *end);
+        if (suffix == nullptr || end[1] != '\0')
+            return false;
+        scale = 1ULL << (10 * (suffix - suffixes + 1));
+    }
+    if (number > high / scale || number * scale < low)
+        return false;
+    *value = number * scale;
+    return true;
+}
 
 // Thrown inside the option parser only: ends parsing with this exit status.
 struct StopParsing {
@@ -125,6 +165,33 @@ void parse_options(int argc, char **argv, RunOptions *options)
         case OPTION_VERSION:
             printf("%s %s\n", program_name, VERSION);
             stop(STATUS_ANSWERED);
+        case OPTION_PROGRESS_FD: {
+            uint64_t fd = 0;
+            if (!parse_number(optarg, "", STDERR_FILENO + 1, INT32_MAX, &fd) ||
+                fcntl(static_cast<int>(fd), F_GETFL) == -1)
+                refuse(_("Invalid file descriptor passed to --progress-fd: it must be open and above 2.\n"));
+            options->progress_fd = static_cast<int>(fd);
+            break;
+        }
+        case OPTION_DEADLINE: {
+            uint64_t seconds = 0;
+            if (!parse_number(optarg, "", 1, 86400, &seconds)) {
+                fprintf(stderr, _("Invalid --deadline '%s': seconds from 1 to 86400\n"), optarg);
+                stop(1);
+            }
+            options->deadline = static_cast<unsigned>(seconds);
+            break;
+        }
+        case OPTION_GENTLE:
+            options->gentle = true;
+            break;
+        case OPTION_MAX_SIZE:
+            if (!parse_number(optarg, "KMG", MIN_MAX_SIZE, UINT64_MAX / 2, &options->max_size)) {
+                fprintf(stderr, _("Invalid --max-size '%s': bytes, at least %d, with K, M or G to scale\n"),
+                        optarg, static_cast<int>(MIN_MAX_SIZE));
+                stop(1);
+            }
+            break;
         case 'a': {
             if (seen_a)
                 stop(1);
@@ -245,10 +312,15 @@ void parse_options(int argc, char **argv, RunOptions *options)
             answer_yes = 1;
             break;
         case ':':
-            fprintf(stderr, _("Option -%c requires an argument\n"), optopt);
+            if (optopt >= OPTION_HELP)
+                fprintf(stderr, _("Option %s requires an argument\n"), argv[optind - 1]);
+            else
+                fprintf(stderr, _("Option -%c requires an argument\n"), optopt);
             stop(1);
         default:
-            if (optopt == 0)  // a long option we do not know
+            if (optopt >= OPTION_HELP)
+                fprintf(stderr, _("Option %s takes no argument\n"), argv[optind - 1]);
+            else if (optopt == 0)  // a long option we do not know
                 fprintf(stderr, _("Option %s is an unknown option\n"), argv[optind - 1]);
             else
                 fprintf(stderr, _("Option -%c is an unknown option\n"), optopt);
@@ -470,6 +542,12 @@ void collect(RunOptions *options, RunState *run, char *password)
         return;
     }
 
+    // The budget counts what is delivered: the ciphertext, not the plain archive.
+    if (options->max_size != 0) {
+        zip_budget_set(options->max_size - (encrypt_output ? ENCRYPTION_OVERHEAD : 0));
+        config_glob_newest_first(true);
+    }
+
     ZipWriter archive;
     print_progress(_("Sending README File\n"));
     if (datagen_write_readme(out, options->archive_name.c_str(), options->config_path.c_str(),
@@ -506,6 +584,14 @@ void collect(RunOptions *options, RunState *run, char *password)
         fputs(_("Data capture interrupted by user.  Attempting to remove archive.\n"), stderr);
     } else {
         run->collection_errors = walked;
+        int listed = datagen_write_skipped(out, &archive, options->archive_base.c_str());
+        if (listed == -2) {
+            run->status = 2;
+            fputs(_("Error with output\n"), stderr);
+            return;
+        }
+        if (listed == -1)
+            fputs(_("Unable to record the skipped entries\n"), stderr);
         print_progress(_("Completing ZIP archive\n"));
     }
 
@@ -530,8 +616,43 @@ void collect(RunOptions *options, RunState *run, char *password)
 
 }  // namespace
 
+namespace {
+
+// The progress channel's last line: the archive's size, or why it failed.
+void report_end(int status)
+{
+    if (status == 0) {
+        progress_event("OK %llu\n", static_cast<unsigned long long>(sink_delivered()));
+        return;
+    }
+    static const struct {
+        int status;
+        const char *reason;
+    } REASONS[] = {{1, "refused"}, {2, "output"}, {3, "busy"}, {5, "interrupted"}, {6, "configuration"}};
+    const char *reason = "error";
+    for (const auto &known : REASONS)
+        if (known.status == status)
+            reason = known.reason;
+    progress_event("FAIL %d %s\n", status, reason);
+}
+
+}  // namespace
+
 int quelvane_run(RunOptions *options)
 {
+    int status = quelvane_run_collection(options);
+    report_end(status);
+    return status;
+}
+
+int quelvane_run_collection(RunOptions *options)
+{
+    if (options->progress_fd != -1)
+        progress_channel_open(options->progress_fd);
+    if (options->deadline != 0)
+        run_deadline_set(options->deadline);
+    if (options->gentle && gentle_start() != 0)
+        return 1;
     set_instance_name(program_name);
     if (quelvane_signal_setup() == -1) {
         fputs(_("Unable to setup signal handlers\n"), stderr);

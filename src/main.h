@@ -18,6 +18,10 @@ struct RunOptions {
     int password_fd = -1;              // -I
     int no_header = 0;                 // -u
     int remove_device_files = 0;       // -r, switched off in the option string
+    int progress_fd = -1;              // --progress-fd
+    unsigned deadline = 0;             // --deadline, seconds; 0 without
+    bool gentle = false;               // --gentle
+    uint64_t max_size = 0;             // --max-size, bytes; 0 without
     bool have_device = false;
     bool have_password = false;
 };
@@ -30,8 +34,10 @@ struct RunOptions {
 // without usage).
 int quelvane_parse_options(int argc, char **argv, RunOptions *options);
 
-// One collection run; returns the exit status.
+// One collection run; returns the exit status. quelvane_run adds the
+// progress channel's last line.
 int quelvane_run(RunOptions *options);
+int quelvane_run_collection(RunOptions *options);
 
 int usb_write_test(const char *output_path);
 int usb_prepare_device(const char *output_path, const char *usb_device);

@@ -31,6 +31,7 @@ Args req(Args extra)  // -f, -a and -o first
 }
 
 const char NO_F[] = "Missing required -f flag\n";
+const char PROGRESS_FD[] = "Invalid file descriptor passed to --progress-fd: it must be open and above 2.\n";
 const char BROWSER_PASSWORD[] = "Encryption password must be provided with -P or -I in this usage\n";
 
 // Rows that break two rules expect the first rule's message (then the usage).
@@ -41,6 +42,13 @@ const struct { Args args; std::string message; int status; } REFUSALS[] = {
     {{"-h", "-v"}, "", 1},
     {{"-r"}, "Option -r is an unknown option\n", 1},
     {{"--bogus", "-v"}, "Option --bogus is an unknown option\n", 1},
+    {{"--deadline"}, "Option --deadline requires an argument\n", 1},
+    {{"--gentle=1"}, "Option --gentle=1 takes no argument\n", 1},
+    {req({"--deadline=0"}), "Invalid --deadline '0': seconds from 1 to 86400\n", 1},
+    {req({"--max-size=4095"}), "Invalid --max-size '4095': bytes, at least 4096, with K, M or G to scale\n", 1},
+    {req({"--max-size=2X"}), "Invalid --max-size '2X': bytes, at least 4096, with K, M or G to scale\n", 1},
+    {req({"--progress-fd=2"}), PROGRESS_FD, 1},
+    {req({"--progress-fd=57"}), PROGRESS_FD, 1},
     {{"-b", "-b", "-Z"}, "The -b flag has already been specified.\n", 1},
     {{"-v", "-o"}, "Option -o requires an argument\n", 1},
     {{"-a", "/x"}, "archive-name may not contain '/': '/x'\n", 1},
@@ -94,7 +102,8 @@ TEST(CommandLine, HelpAndVersion)
     EXPECT_EQ(help.err, "");
     EXPECT_EQ(help.out.substr(0, help.out.find('\n')), "Usage: quelvane -f config -a archive-name -o output [option]...");
     for (const char *option : {"-a", "-b", "-C", "-d", "-e", "-f", "-h", "-I", "-l", "-L", "-n", "-o", "-p", "-P", "-q",
-                               "-u", "-v", "-y", "    --help", "    --version"})
+                               "-u", "-v", "-y", "    --help", "    --version",
+                               "    --deadline=SECONDS", "    --gentle", "    --max-size=BYTES", "    --progress-fd=FD"})
         EXPECT_NE(help.out.find(std::string("\n  ") + option + " "), std::string::npos) << option;
     qt::RunResult version = qt::run_quelvane(dir, {"--version"});
     EXPECT_EQ(std::to_string(version.status) + version.out + version.err, "0quelvane 1.1\n");
