@@ -1,9 +1,12 @@
-# Downloads URL with a real headless Chromium, driven through its DevTools protocol (a
-# minimal WebSocket client, standard library only), into DEST; prints the suggested file
-# name and how the download ended. Usage: python3 browser_download.py DEBUG_PORT URL DEST
+# Downloads with a real headless Chromium, driven through its DevTools protocol (a minimal
+# WebSocket client, standard library only), into DEST; prints the suggested file name and
+# how the download ended. Usage: python3 browser_download.py DEBUG_PORT URL DEST [BUTTON]
+# With BUTTON, URL is a page: the button of that id is clicked, and the page's progress
+# (#overall's value while the download runs) and final #status text are printed too.
 import base64, json, os, socket, subprocess, sys, time, urllib.request
 
 port, url, dest = int(sys.argv[1]), sys.argv[2], sys.argv[3]
+button = sys.argv[4] if len(sys.argv) > 4 else None
 browser = subprocess.Popen(
     ["chromium", "--headless=new", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
      "--disable-background-networking", "--disable-component-update", "--disable-sync",
@@ -23,28 +26,60 @@ try:
     stream = sock.makefile("rb")
     while stream.readline() not in (b"\r\n", b""):
         pass
+    download = {"name": None, "state": None}
+    last_id = [0]
 
-    def send(message):  # one masked text frame
+    def receive():  # one unmasked frame from the browser; notes download events
+        size = stream.read(2)[1] & 127
+        size = int.from_bytes(stream.read({126: 2, 127: 8}[size]), "big") if size >= 126 else size
+        message = json.loads(stream.read(size))
+        if message.get("method") == "Browser.downloadWillBegin":
+            download["name"] = message["params"]["suggestedFilename"]
+        elif message.get("method") == "Browser.downloadProgress":
+            download["state"] = message["params"]["state"]
+        return message
+
+    def call(method, params, session=None):  # one masked text frame, then its answer
+        last_id[0] += 1
+        message = {"id": last_id[0], "method": method, "params": params}
+        if session:
+            message["sessionId"] = session
         data, mask = json.dumps(message).encode(), os.urandom(4)
         size = bytes([0x80 | len(data)]) if len(data) < 126 else bytes([0x80 | 126]) + len(data).to_bytes(2, "big")
         sock.sendall(b"\x81" + size + mask + bytes(b ^ mask[i % 4] for i, b in enumerate(data)))
+        while True:
+            answer = receive()
+            if answer.get("id") == last_id[0]:
+                return answer.get("result", {})
 
-    def receive():  # one unmasked frame from the browser
-        size = stream.read(2)[1] & 127
-        size = int.from_bytes(stream.read({126: 2, 127: 8}[size]), "big") if size >= 126 else size
-        return json.loads(stream.read(size))
+    def evaluate(session, expression):
+        return call("Runtime.evaluate", {"expression": expression, "returnByValue": True}, session)["result"].get("value")
 
-    send({"id": 1, "method": "Browser.setDownloadBehavior",
-          "params": {"behavior": "allow", "downloadPath": dest, "eventsEnabled": True}})
-    send({"id": 2, "method": "Target.createTarget", "params": {"url": url}})
-    name, deadline = None, time.time() + 60
-    while time.time() < deadline:
-        event = receive()
-        if event.get("method") == "Browser.downloadWillBegin":
-            name = event["params"]["suggestedFilename"]
-        elif event.get("method") == "Browser.downloadProgress" and event["params"]["state"] != "inProgress":
-            print(name, event["params"]["state"])
-            break
+    call("Browser.setDownloadBehavior", {"behavior": "allow", "downloadPath": dest, "eventsEnabled": True})
+    target = call("Target.createTarget", {"url": url})["targetId"]
+    deadline = time.time() + 60
+    if button:
+        session = call("Target.attachToTarget", {"targetId": target, "flatten": True})["sessionId"]
+        # A new target is about:blank, already "complete", until the page replaces it.
+        loaded = "document.readyState == 'complete' && !!document.getElementById(%s)" % json.dumps(button)
+        while not evaluate(session, loaded) and time.time() < deadline:
+            time.sleep(0.05)
+        evaluate(session, "document.getElementById(%s).click()" % json.dumps(button))
+        seen, status = [], ""
+        while time.time() < deadline:
+            value, status = evaluate(session, "[document.getElementById('overall').value, "
+                                              "document.getElementById('status').textContent]")
+            if download["state"] in (None, "inProgress") and (not seen or seen[-1] != value):
+                seen.append(value)
+            if download["state"] not in (None, "inProgress") and status.startswith(("Archive", "Collection")):
+                break
+            time.sleep(0.05)
+        print("progress while downloading:", " ".join("%g" % v for v in seen))
+        print("status:", status)
+    else:
+        while time.time() < deadline and download["state"] in (None, "inProgress"):
+            receive()
+    print(download["name"], download["state"])
 finally:
     browser.kill()
     browser.wait()

@@ -1,6 +1,7 @@
 // The browser download path through a real lighttpd serving examples/web: curl and a
 // headless Chromium save the archive under its suggested name, the first bytes come at
-// once, and a client that goes away ends the run with status 2 and nothing left behind.
+// once, a client that goes away ends the run with status 2 and nothing left behind, and
+// the operator's page shows each entry's progress while its download runs.
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
@@ -8,6 +9,10 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include <algorithm>
+#include <iterator>
+#include <sstream>
 
 #include "testsupport.h"
 
@@ -17,8 +22,9 @@ class WebServer {
 public:
     explicit WebServer(const qt::TempDir &dir) : dir_(dir), port_(qt::free_port())
     {
-        for (const char *cgi : {"quelvane.cgi", "quelvane-encrypted.cgi"})
+        for (const char *cgi : {"quelvane.cgi", "quelvane-encrypted.cgi", "progress.cgi"})
             qt::script(dir, cgi, qt::read_file(std::string(QUELVANE_SOURCE_DIR "/examples/web/") + cgi));
+        qt::write_file(dir.file("index.html"), qt::read_file(QUELVANE_SOURCE_DIR "/examples/web/index.html"));
         // The plain CGI under a shell that outlives the server's signals and notes the tool's status.
         qt::script(dir, "status.cgi", "trap '' TERM HUP PIPE\nsh ./quelvane.cgi\necho $? > " + dir.file("status") + "\n");
         qt::write_file(dir.file("password"), "secret\n", 0600);
@@ -26,9 +32,11 @@ public:
             "server.document-root = \"" + dir.path() + "\"\nserver.bind = \"127.0.0.1\"\nserver.port = " +
             std::to_string(port_) + "\nserver.errorlog = \"" + dir.file("error.log") +
             "\"\nserver.modules += ( \"mod_cgi\", \"mod_setenv\" )\ncgi.assign = ( \".cgi\" => \"\" )\n"
+            "mimetype.assign = ( \".html\" => \"text/html\" )\n"
             "server.stream-response-body = 2\nsetenv.add-environment = ( \"QUELVANE\" => \"" + qt::quelvane_binary() +
             "\", \"QUELVANE_CONF\" => \"" + dir.file("q.conf") + "\", \"QUELVANE_HOME\" => \"" + dir.path() +
-            "\", \"QUELVANE_PASSWORD_FILE\" => \"" + dir.file("password") + "\", \"" +
+            "\", \"QUELVANE_PASSWORD_FILE\" => \"" + dir.file("password") + "\", \"QUELVANE_PROGRESS_DIR\" => \"" +
+            dir.file("progress") + "\", \"" +
             qt::RUN_MARK.substr(0, qt::RUN_MARK.size() - 1) + "\" => \"" + dir.path() + "\" )\n";
         qt::write_file(dir.file("lighttpd.conf"), config);
         pid_ = fork();
@@ -110,4 +118,38 @@ TEST(Web, DownloadsThroughARealServer)
     ASSERT_TRUE(qt::write_file(dir.file("q.conf"), "cmd A,5,y,n a /bin/echo again\n"));
     EXPECT_EQ(qt::run_program("/usr/bin/curl", {"-sS", "-o", dir.file("again.zip"), server.url("quelvane.cgi")}).status, 0);
     EXPECT_EQ(qt::check_real_readers(dir.file("again.zip")), "");
+}
+
+TEST(Web, PageFollowsTheDownloadEntryByEntry)
+{
+    if (qt::emulated())
+        GTEST_SKIP() << "the server runs the native tool";
+    qt::TempDir dir;
+    WebServer server(dir);
+    const std::string saved = "controller-" + host_name() + ".zip", got = dir.file("got");
+    ASSERT_EQ(mkdir(got.c_str(), 0755), 0);
+    std::string config;
+    for (int i = 1; i <= 6; ++i)
+        config += "cmd A,5,y,n step" + std::to_string(i) + " /bin/sleep 0.4\n";
+    ASSERT_TRUE(qt::write_file(dir.file("q.conf"), config));
+    qt::RunResult browser = qt::run_program("/usr/bin/python3", {QUELVANE_SOURCE_DIR "/tests/e2e/browser_download.py",
+                                                                 std::to_string(qt::free_port()), server.url("index.html"), got, "start"});
+    std::istringstream lines(browser.out);
+    std::string progress, status, outcome;
+    std::getline(lines, progress);
+    std::getline(lines, status);
+    std::getline(lines, outcome);
+    EXPECT_EQ(outcome, saved + " completed") << browser.out << browser.err;
+
+    // The bar moved through entries one by one while the archive was still coming.
+    std::istringstream values(progress.substr(progress.find(':') + 1));
+    std::vector<int> seen{std::istream_iterator<int>(values), std::istream_iterator<int>()};
+    EXPECT_GE(seen.size(), 4u) << progress;
+    EXPECT_TRUE(std::is_sorted(seen.begin(), seen.end()) && std::adjacent_find(seen.begin(), seen.end()) == seen.end())
+        << progress;
+    // The page ends with the size of the archive it saved.
+    const std::string archive = qt::read_file(got + "/" + saved);
+    EXPECT_EQ(status, "status: Archive complete: " + std::to_string(archive.size()) + " bytes");
+    EXPECT_EQ(qt::check_real_readers(got + "/" + saved), "");
+    EXPECT_EQ(qt::read_zip(archive).names().size(), 2u + 6u);
 }
