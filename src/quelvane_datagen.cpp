@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <utility>
 #include <unistd.h>
 
 #include <openssl/crypto.h>
@@ -842,20 +843,23 @@ int datagen_collect_file(int out_fd, ConfigEntry *entry, ZipWriter *archive)
 
 namespace {
 
-// Whether the walk may start more work making these two members: not past
-// the deadline, and under a budget only with room for the first with a
-// little data and for the second with our lines, on top of what the SKIPPED
-// member may need. That room for the second is then held.
-bool may_start(const ZipWriter *archive, const std::string &name, const std::string &err_name)
+// Whether the walk may start more work making two members, named by
+// names() only under a budget: not past the deadline, and under a budget
+// only with room for the first with a little data and for the second with
+// our lines, on top of what the SKIPPED member may need. That room for the
+// second is then held.
+template <class Names>
+bool may_start(const ZipWriter *archive, Names names)
 {
     if (stop_reason == nullptr && zip_budget_exhausted())
         stop_reason = "max-size";
     if (stop_reason == nullptr && run_deadline_passed())
         stop_reason = "deadline";
     if (stop_reason == nullptr && zip_budget_active()) {
-        const uint64_t err_cost = zip_member_cost(err_name.size(), NOTE_RESERVE);
+        const std::pair<std::string, std::string> named = names();
+        const uint64_t err_cost = zip_member_cost(named.second.size(), NOTE_RESERVE);
         zip_budget_hold(skipped_reserve);
-        if (zip_budget_admits(archive->total_written, zip_member_cost(name.size(), MIN_DATA) + err_cost))
+        if (zip_budget_admits(archive->total_written, zip_member_cost(named.first.size(), MIN_DATA) + err_cost))
             zip_budget_hold(skipped_reserve + err_cost);
         else
             stop_reason = "max-size";
@@ -865,7 +869,17 @@ bool may_start(const ZipWriter *archive, const std::string &name, const std::str
 
 bool may_start_file(const ZipWriter *archive, const ConfigEntry *entry)
 {
-    return may_start(archive, quelvane_config_path_name(entry, nullptr), quelvane_config_path_name(entry, ".err"));
+    return may_start(archive, [entry] {
+        return std::make_pair(quelvane_config_path_name(entry, nullptr), quelvane_config_path_name(entry, ".err"));
+    });
+}
+
+bool may_start_command(const ZipWriter *archive, const ConfigEntry *entry, int index)
+{
+    return may_start(archive, [entry, index] {
+        return std::make_pair(quelvane_config_output_name(entry, ".out", index),
+                              quelvane_config_output_name(entry, ".err", index));
+    });
 }
 
 }  // namespace
@@ -999,8 +1013,7 @@ int datagen_run_command_entry(int out_fd, ConfigEntry *entry, ZipWriter *archive
             ++*errors;
             note_result(RESULT_ERROR);
             result = 0;
-        } else if (index > 0 && !may_start(archive, quelvane_config_output_name(entry, ".out", index),
-                                           quelvane_config_output_name(entry, ".err", index))) {
+        } else if (index > 0 && !may_start_command(archive, entry, index)) {
             note_result(RESULT_SKIPPED);
             break;
         } else {
@@ -1090,13 +1103,8 @@ int datagen_walk_entries(int out_fd, ConfigList *list, ZipWriter *archive, uint3
             skipped_reserve = reserve[i];
             if (stop_reason == nullptr)
                 gentle_pause();
-            bool start = false;
-            if (entry->type == ENTRY_CMD || entry->type == ENTRY_CUT)
-                start = may_start(archive, member, quelvane_config_output_name(entry, ".err", 0));
-            else if (entry->literal_path)
-                start = may_start_file(archive, entry);
-            else
-                start = may_start(archive, member, quelvane_config_path_name(entry, ".err"));
+            bool start = entry->type == ENTRY_CMD || entry->type == ENTRY_CUT ? may_start_command(archive, entry, 0)
+                                                                              : may_start_file(archive, entry);
             if (!start) {
                 skipped_lines += skipped_line(stop_reason, number, entry, member);
                 ++errors;
