@@ -3,12 +3,14 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <termios.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -595,4 +597,349 @@ void gentle_pause()
         nanosleep(&pause, nullptr);
         paused_ms += step;
     }
+}
+
+// ---------------------------------------------------------------------------
+// Scrubbing secrets by value
+// ---------------------------------------------------------------------------
+
+namespace {
+
+bool lock_failed;
+int lock_error;
+
+// Memory that is never swapped out nor dumped, and is wiped when freed: it
+// holds the secrets and the matcher that spells them out.
+template <class T>
+struct Locked {
+    using value_type = T;
+    Locked() = default;
+    template <class U>
+    Locked(const Locked<U> &) {}
+    static size_t span(size_t count)
+    {
+        const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+        return (count * sizeof(T) + page - 1) / page * page;
+    }
+    T *allocate(size_t count)
+    {
+        void *memory = mmap(nullptr, span(count), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        if (memory == MAP_FAILED)
+            throw std::bad_alloc();
+        if (mlock(memory, span(count)) != 0 && !lock_failed) {
+            lock_failed = true;
+            lock_error = errno;
+        }
+        madvise(memory, span(count), MADV_DONTDUMP);
+        return static_cast<T *>(memory);
+    }
+    void deallocate(T *memory, size_t count)
+    {
+        OPENSSL_cleanse(memory, span(count));
+        munlock(memory, span(count));
+        munmap(memory, span(count));
+    }
+    bool operator==(const Locked &) const { return true; }
+    bool operator!=(const Locked &) const { return false; }
+};
+
+template <class T>
+using LockedVector = std::vector<T, Locked<T>>;
+using Bytes = LockedVector<unsigned char>;
+
+// Encodings shorter than this would match ordinary text.
+constexpr size_t MIN_SECRET = 4;
+constexpr size_t MIN_BASE64 = 8;
+constexpr size_t MAX_SCRUB_FILE = 1 << 20;
+
+struct Match {
+    size_t start;
+    uint32_t length;
+    uint32_t pattern;
+};
+
+// The patterns' matcher: a deterministic automaton over byte classes (the
+// bytes no pattern holds share class 0), each state knowing the longest
+// pattern that ends there.
+struct Scrubber {
+    bool active = false;
+    unsigned char byte_class[256] = {};  // which bytes occur, not where
+    uint32_t classes = 1;
+    LockedVector<uint32_t> next;       // state * classes + class
+    LockedVector<uint32_t> ends;       // per state: longest pattern length ending there
+    LockedVector<uint32_t> pattern_of; // per state: that pattern
+    LockedVector<uint32_t> replacement;  // per pattern: offset and length in texts
+    Bytes texts;                       // the "[REDACTED:name]" texts
+    size_t longest = 0;
+    Bytes carry;                       // a member's tail that may begin a secret
+    std::vector<Match> matches;
+
+    void clear() { *this = Scrubber(); }
+};
+
+Scrubber scrubber;
+
+bool ascii_alnum(unsigned char byte)
+{
+    return (byte >= '0' && byte <= '9') || (byte >= 'A' && byte <= 'Z') || (byte >= 'a' && byte <= 'z');
+}
+
+void add_percent_forms(const Bytes &value, std::vector<Bytes> *forms)
+{
+    static const char upper[] = "0123456789ABCDEF", lower[] = "0123456789abcdef";
+    for (const char *digits : {upper, lower}) {
+        Bytes encoded;
+        for (unsigned char byte : value) {
+            if (ascii_alnum(byte) || byte == '-' || byte == '.' || byte == '_' || byte == '~') {
+                encoded.push_back(byte);
+            } else {
+                encoded.push_back('%');
+                encoded.push_back(static_cast<unsigned char>(digits[byte >> 4]));
+                encoded.push_back(static_cast<unsigned char>(digits[byte & 15]));
+            }
+        }
+        if (std::find(forms->begin(), forms->end(), encoded) == forms->end())
+            forms->push_back(std::move(encoded));
+    }
+}
+
+// At each alignment, the base64 characters that the value alone decides.
+void add_base64_forms(const Bytes &value, std::vector<Bytes> *forms)
+{
+    static const char alphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    for (size_t align = 0; align < 3; ++align) {
+        Bytes padded(align, 0);
+        padded.insert(padded.end(), value.begin(), value.end());
+        padded.resize(padded.size() + 3, 0);
+        Bytes encoded;
+        const size_t first_bit = 8 * align, last_bit = 8 * (align + value.size());
+        for (size_t bit = 0; bit + 6 <= padded.size() * 8; bit += 6) {
+            if (bit < first_bit || bit + 6 > last_bit)
+                continue;
+            unsigned sextet = 0;
+            for (size_t b = bit; b < bit + 6; ++b)
+                sextet = sextet << 1 | ((padded[b / 8] >> (7 - b % 8)) & 1);
+            encoded.push_back(static_cast<unsigned char>(alphabet[sextet]));
+        }
+        if (encoded.size() >= MIN_BASE64 && std::find(forms->begin(), forms->end(), encoded) == forms->end())
+            forms->push_back(std::move(encoded));
+    }
+}
+
+bool valid_name(const unsigned char *name, size_t length)
+{
+    if (length == 0 || length > 64)
+        return false;
+    for (size_t i = 0; i < length; ++i)
+        if (!ascii_alnum(name[i]) && name[i] != '_' && name[i] != '.' && name[i] != '-')
+            return false;
+    return true;
+}
+
+// Aho-Corasick: the trie of every pattern, then failure links folded into
+// a full transition table, breadth first.
+void build_matcher(const std::vector<Bytes> &patterns, const std::vector<uint32_t> &owner)
+{
+    Scrubber &m = scrubber;
+    for (const Bytes &pattern : patterns)
+        for (unsigned char byte : pattern)
+            if (m.byte_class[byte] == 0)
+                m.byte_class[byte] = static_cast<unsigned char>(m.classes++);
+    constexpr uint32_t NONE = UINT32_MAX;
+    // At most one state per pattern byte: room for all at once, no regrowth.
+    size_t states = 1;
+    for (const Bytes &pattern : patterns)
+        states += pattern.size();
+    m.next.reserve(states * m.classes);
+    m.ends.reserve(states);
+    m.pattern_of.reserve(states);
+    m.next.assign(m.classes, NONE);
+    m.ends.assign(1, 0);
+    m.pattern_of.assign(1, 0);
+    for (size_t p = 0; p < patterns.size(); ++p) {
+        uint32_t state = 0;
+        for (unsigned char byte : patterns[p]) {
+            uint32_t &edge = m.next[state * m.classes + m.byte_class[byte]];
+            if (edge == NONE) {
+                edge = static_cast<uint32_t>(m.ends.size());
+                m.ends.push_back(0);
+                m.pattern_of.push_back(0);
+                m.next.resize(m.next.size() + m.classes, NONE);
+            }
+            state = m.next[state * m.classes + m.byte_class[byte]];
+        }
+        if (m.ends[state] == 0) {
+            m.ends[state] = static_cast<uint32_t>(patterns[p].size());
+            m.pattern_of[state] = owner[p];
+        }
+        m.longest = std::max(m.longest, patterns[p].size());
+    }
+    LockedVector<uint32_t> fail(m.ends.size(), 0), queue;
+    queue.reserve(m.ends.size());
+    for (uint32_t c = 0; c < m.classes; ++c) {
+        uint32_t &edge = m.next[c];
+        if (edge == NONE)
+            edge = 0;
+        else
+            queue.push_back(edge);
+    }
+    for (size_t head = 0; head < queue.size(); ++head) {
+        const uint32_t state = queue[head];
+        if (m.ends[state] == 0) {  // a proper suffix's pattern ends here too
+            m.ends[state] = m.ends[fail[state]];
+            m.pattern_of[state] = m.pattern_of[fail[state]];
+        }
+        for (uint32_t c = 0; c < m.classes; ++c) {
+            uint32_t &edge = m.next[state * m.classes + c];
+            const uint32_t fallback = m.next[fail[state] * m.classes + c];
+            if (edge == NONE) {
+                edge = fallback;
+            } else {
+                fail[edge] = fallback;
+                queue.push_back(edge);
+            }
+        }
+    }
+}
+
+}  // namespace
+
+int scrub_load(const char *path)
+{
+    try {
+        int fd = open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY);
+        struct stat status;
+        if (fd == -1 || fstat(fd, &status) != 0) {
+            int error = errno;
+            if (fd != -1)
+                close(fd);
+            fprintf(stderr, _("Unable to open scrub file %s: %s\n"), path, strerror(error));
+            return -1;
+        }
+        if (!S_ISREG(status.st_mode) || (status.st_mode & 077) != 0 ||
+            static_cast<size_t>(status.st_size) > MAX_SCRUB_FILE) {
+            close(fd);
+            fprintf(stderr, _("Refusing scrub file %s: it must be a regular file readable only by its owner\n"),
+                    path);
+            return -1;
+        }
+        Bytes text(static_cast<size_t>(status.st_size) + 1, 0);
+        ssize_t got = read(fd, text.data(), text.size() - 1);
+        close(fd);
+        if (got < 0) {
+            fprintf(stderr, _("Unable to open scrub file %s: %s\n"), path, strerror(errno));
+            return -1;
+        }
+        text.resize(static_cast<size_t>(got));
+
+        std::vector<Bytes> patterns;
+        std::vector<uint32_t> owner;  // pattern -> its replacement
+        int line_number = 0;
+        for (size_t at = 0; at < text.size();) {
+            size_t end = std::find(text.begin() + at, text.end(), '\n') - text.begin();
+            ++line_number;
+            const unsigned char *line = text.data() + at;
+            const size_t length = end - at;
+            at = end + 1;
+            if (length == 0 || line[0] == '#')
+                continue;
+            const unsigned char *equals = static_cast<const unsigned char *>(memchr(line, '=', length));
+            const size_t name_length = equals != nullptr ? static_cast<size_t>(equals - line) : 0;
+            if (equals == nullptr || !valid_name(line, name_length) || length - name_length - 1 < MIN_SECRET) {
+                fprintf(stderr, _("Scrub file %s, line %d: expected name=value, the name of letters, digits, "
+                                  "'_', '.' or '-', the value at least %d bytes\n"),
+                        path, line_number, static_cast<int>(MIN_SECRET));
+                scrubber.clear();
+                return -1;
+            }
+            const uint32_t replacement = static_cast<uint32_t>(scrubber.replacement.size() / 2);
+            static const char head[] = "[REDACTED:";
+            scrubber.replacement.push_back(static_cast<uint32_t>(scrubber.texts.size()));
+            scrubber.replacement.push_back(static_cast<uint32_t>(sizeof head - 1 + name_length + 1));
+            scrubber.texts.insert(scrubber.texts.end(), head, head + sizeof head - 1);
+            scrubber.texts.insert(scrubber.texts.end(), line, line + name_length);
+            scrubber.texts.push_back(']');
+            Bytes value(equals + 1, line + length);
+            std::vector<Bytes> forms = {value};
+            add_percent_forms(value, &forms);
+            add_base64_forms(value, &forms);
+            for (Bytes &form : forms) {
+                patterns.push_back(std::move(form));
+                owner.push_back(replacement);
+            }
+        }
+        if (patterns.empty()) {
+            fprintf(stderr, _("Scrub file %s holds no secrets\n"), path);
+            return -1;
+        }
+        build_matcher(patterns, owner);
+        for (Bytes &pattern : patterns)
+            OPENSSL_cleanse(pattern.data(), pattern.size());
+        if (lock_failed) {
+            fprintf(stderr, _("Unable to lock the scrub secrets in memory: %s\n"), strerror(lock_error));
+            scrubber.clear();
+            return -1;
+        }
+        scrubber.active = true;
+        return 0;
+    } catch (const std::bad_alloc &) {
+        scrubber.clear();
+        fputs(_("No Memory\n"), stderr);
+        return -1;
+    }
+}
+
+bool scrub_active() { return scrubber.active; }
+
+void scrub_wipe() { scrubber.clear(); }
+
+void scrub_reset() { scrubber.carry.clear(); }
+
+void scrub_feed(const unsigned char *data, size_t length, bool final, std::vector<unsigned char> *out)
+{
+    Scrubber &m = scrubber;
+    Bytes &buffer = m.carry;
+    buffer.insert(buffer.end(), data, data + length);
+    // The carried tail is scanned again: a secret may start in it.
+    m.matches.clear();
+    uint32_t state = 0;
+    const unsigned char *bytes = buffer.data();
+    for (size_t i = 0; i < buffer.size(); ++i) {
+        state = m.next[state * m.classes + m.byte_class[bytes[i]]];
+        if (m.ends[state] != 0)
+            m.matches.push_back({i + 1 - m.ends[state], m.ends[state], m.pattern_of[state]});
+    }
+    // Leftmost first, the longest at each start, none overlapping.
+    std::sort(m.matches.begin(), m.matches.end(), [](const Match &a, const Match &b) {
+        return a.start != b.start ? a.start < b.start : a.length > b.length;
+    });
+    // Bytes from here on may begin a secret whose end has not come yet.
+    const size_t safe = final ? buffer.size() : buffer.size() - std::min(buffer.size(), m.longest - 1);
+    size_t at = 0;
+    for (const Match &match : m.matches) {
+        if (match.start < at)
+            continue;
+        if (match.start >= safe)
+            break;
+        out->insert(out->end(), bytes + at, bytes + match.start);
+        const unsigned char *text = m.texts.data() + m.replacement[2 * match.pattern];
+        out->insert(out->end(), text, text + m.replacement[2 * match.pattern + 1]);
+        at = match.start + match.length;
+    }
+    const size_t kept = std::max(at, safe);
+    out->insert(out->end(), bytes + at, bytes + kept);
+    buffer.erase(buffer.begin(), buffer.begin() + static_cast<std::ptrdiff_t>(kept));
+}
+
+std::string scrub_text(const std::string &text)
+{
+    if (!scrubber.active)
+        return text;
+    // The member's carried tail is set aside: names are scrubbed between pieces of data.
+    Bytes saved;
+    saved.swap(scrubber.carry);
+    std::vector<unsigned char> out;
+    scrub_feed(reinterpret_cast<const unsigned char *>(text.data()), text.size(), true, &out);
+    scrubber.carry.swap(saved);
+    return std::string(out.begin(), out.end());
 }

@@ -7,6 +7,8 @@
 #include <cstddef>
 #include <libintl.h>
 #include <clocale>
+#include <string>
+#include <vector>
 
 // Every user-facing text goes through the message catalogue.
 #define _(text) dcgettext(nullptr, text, LC_MESSAGES)
@@ -76,5 +78,21 @@ void gentle_pause();
 // Whether a pressure file's "some avg10=" figure reaches the threshold.
 bool pressure_high(const char *text, double threshold);
 int mark_max_domains(int *max_domains);
+
+// Secrets scrubbed by value (--scrub). The file holds name=value lines; every
+// occurrence of a value, as it stands, percent-encoded or in base64 at any of
+// the three alignments, becomes "[REDACTED:name]". The secrets and the
+// matcher built from them live in locked memory and are wiped at the end.
+int scrub_load(const char *path);  // 0, or -1 after a message
+bool scrub_active();
+void scrub_wipe();
+// Per member: reset, then feed each piece of data; the bytes that are ready
+// (the scrubbed data, less a tail that may still begin a secret) are
+// appended to out. final: the member ends, the tail goes out too.
+void scrub_reset();
+void scrub_feed(const unsigned char *data, size_t length, bool final, std::vector<unsigned char> *out);
+// A whole text scrubbed (a member name, a progress line's member); the text
+// itself while nothing is scrubbed. Not within a member's data.
+std::string scrub_text(const std::string &text);
 
 #endif

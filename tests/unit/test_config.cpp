@@ -156,3 +156,28 @@ TEST(GentlePressure, SomeAverageOverTenSeconds) {
     for (const auto &c : CASES)
         EXPECT_EQ(pressure_high(c.text, 40.0), c.high) << (c.text ? c.text : "null");
 }
+
+// A secret is replaced wherever the pieces of data split it; the longest secret wins
+// where two start together; a part of one at the very end is kept as it stands.
+TEST(Scrub, EverySplitGivesTheWholeTextsResult) {
+    qt::TempDir dir;
+    ASSERT_TRUE(qt::write_file(dir.file("secrets"), "long=secretvalue\nshort=secret\n", 0600));
+    ASSERT_EQ(scrub_load(dir.file("secrets").c_str()), 0);
+    const std::string text = "xsecretvaluey secret zsecretvalu", expected =
+        "x[REDACTED:long]y [REDACTED:short] z[REDACTED:short]valu";
+    for (size_t i = 0; i <= text.size(); ++i) {
+        for (size_t j = i; j <= text.size(); ++j) {
+            std::vector<unsigned char> out;
+            scrub_reset();
+            const unsigned char *bytes = reinterpret_cast<const unsigned char *>(text.data());
+            scrub_feed(bytes, i, false, &out);
+            scrub_feed(bytes + i, j - i, false, &out);
+            scrub_feed(bytes + j, text.size() - j, true, &out);
+            ASSERT_EQ(std::string(out.begin(), out.end()), expected) << i << " " << j;
+        }
+    }
+    EXPECT_EQ(scrub_text("secret"), "[REDACTED:short]");
+    scrub_wipe();
+    EXPECT_FALSE(scrub_active());
+    EXPECT_EQ(scrub_text("secret"), "secret");
+}
