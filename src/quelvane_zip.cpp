@@ -8,6 +8,10 @@
 
 #include <cerrno>
 #include <cstring>
+#include <ctime>
+#include <memory>
+
+#include <openssl/evp.h>
 #include <new>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -56,6 +60,23 @@ uint64_t budget_reserve;
 uint64_t open_input;
 bool budget_spent;
 uint64_t data_total;
+
+// The member's data as it is deflated: its SHA-256 when the manifest wants
+// one, and its scrubbed form when secrets are scrubbed.
+struct DigestFree {
+    void operator()(EVP_MD_CTX *context) const { EVP_MD_CTX_free(context); }
+};
+bool hash_members;
+std::unique_ptr<EVP_MD_CTX, DigestFree> member_digest;
+std::vector<unsigned char> scrubbed;
+struct timespec member_started;
+
+int64_t milliseconds(clockid_t clock)
+{
+    struct timespec now;
+    clock_gettime(clock, &now);
+    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
 
 constexpr uint32_t CENTRAL_RECORD_SIZE = 46;
 constexpr uint32_t ZIP64_EXTRA_SIZE = 4 + 8;
@@ -306,6 +327,18 @@ int quelvane_z_output_local_file_header(int out_fd, ZipMember *member, uint64_t 
     int started = zip_deflate_start();
     if (started != 0)
         return started;
+    if (scrub_active()) {
+        scrub_reset();
+        member->name = scrub_text(member->name);  // names come from command lines too
+    }
+    if (hash_members) {
+        if (!member_digest)
+            member_digest.reset(EVP_MD_CTX_new());
+        if (!member_digest || !EVP_DigestInit_ex(member_digest.get(), EVP_sha256(), nullptr))
+            return -1;
+    }
+    member->started_ms = milliseconds(CLOCK_REALTIME);
+    clock_gettime(CLOCK_MONOTONIC, &member_started);
 
     // A collected file always keeps its recorded time, so a file stamped 0
     // reads as 1 January 1980; only generated members take "now" for 0.
@@ -342,9 +375,16 @@ int zip_finish_member(int out_fd, ZipMember *member, uint64_t *total_written)
 {
     if (out_fd < 0 || member == nullptr || total_written == nullptr)
         return -1;
-    // A file cut for the budget declares what it holds, so that it stays valid.
-    if (member->budget_cut && member->kind == MEMBER_FILE)
+    // A file cut for the budget, or scrubbed, declares what it holds, so
+    // that it stays valid.
+    if ((member->budget_cut || scrub_active()) && member->kind == MEMBER_FILE)
         member->uncompressed_size = static_cast<uint32_t>(member->data_in);
+    if (hash_members && member_digest)
+        EVP_DigestFinal_ex(member_digest.get(), member->sha256, nullptr);
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    member->duration_ms = (now.tv_sec - member_started.tv_sec) * 1000LL +
+                          (now.tv_nsec - member_started.tv_nsec) / 1000000;
     // Sizes always fit 32 bits: data stops at ZIP_MEMBER_LIMIT.
     Record descriptor;
     descriptor.u32(DESCRIPTOR_SIGNATURE)                              // data descriptor signature
@@ -530,6 +570,8 @@ int run_deflate(ZipMember *member, int out_fd, const unsigned char *data, unsign
     stream.avail_in = length;
     // CRC on the input as it passes; a collected file keeps its stat size.
     member->crc32 = crc32(member->crc32, data, length);
+    if (hash_members && member_digest)
+        EVP_DigestUpdate(member_digest.get(), data, length);
     if (member->kind == MEMBER_GENERATED)
         member->uncompressed_size += length;
 
@@ -607,6 +649,18 @@ int zip_deflate_chunk(ZipMember *member, int out_fd, const void *data, unsigned 
 {
     if (member == nullptr || out_fd < 0 || data == nullptr || total_written == nullptr)
         return -1;
+    // Secrets are replaced before anything counts or sees the data.
+    if (scrub_active()) {
+        scrubbed.clear();
+        try {
+            scrub_feed(static_cast<const unsigned char *>(data), length, flush == Z_FINISH, &scrubbed);
+        } catch (const std::bad_alloc &) {
+            zip_report_error(Z_MEM_ERROR);
+            return Z_MEM_ERROR;
+        }
+        data = scrubbed.data() != nullptr ? scrubbed.data() : data;
+        length = static_cast<unsigned>(scrubbed.size());
+    }
     // Past the member limit the rest of the data is dropped: the member
     // stays valid and the producer says in its ".err" member where it ended.
     const uint64_t room = member->data_in < ZIP_MEMBER_LIMIT ? ZIP_MEMBER_LIMIT - member->data_in : 0;
@@ -710,6 +764,8 @@ int zip_deflate_fd(int out_fd, ZipMember *member, int source_fd, int final_flush
 }
 
 uint64_t zip_data_total() { return data_total; }
+
+void zip_hash_members(bool on) { hash_members = on; }
 
 void zip_report_error(int code)
 {

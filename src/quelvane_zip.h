@@ -45,6 +45,16 @@ struct ZipMember {
     uint64_t data_in = 0;  // bytes handed to the deflate stream
     bool cut = false;      // data stopped at ZIP_MEMBER_LIMIT or at the budget
     bool budget_cut = false;  // data stopped at the archive's budget
+    // For the manifest: what made the member and how that went, the SHA-256
+    // of its data, when it began (ms since the epoch) and how long it took.
+    std::string origin_kind = "generated";  // "command", "file" or "generated"
+    std::string origin;                     // the command line or the source path
+    std::string status = "ok";              // ok, exit, timeout, interrupted, missing, error
+    int exit_status = 0;                    // with "exit"
+    std::string error;                      // with "error": the errno text
+    unsigned char sha256[32] = {};
+    int64_t started_ms = 0;
+    int64_t duration_ms = 0;
 };
 
 // The archive's running state: the offset of the next byte of the plain ZIP
@@ -105,5 +115,7 @@ int zip_deflate_fd(int out_fd, ZipMember *member, int source_fd, int final_flush
 void zip_report_error(int code);
 // Bytes deflated into every member so far.
 uint64_t zip_data_total();
+// Whether members get a SHA-256 of their data (for the manifest).
+void zip_hash_members(bool on);
 
 #endif
