@@ -9,8 +9,11 @@
 #include <utility>
 #include <unistd.h>
 
+#include <nlohmann/json.hpp>
+#include <openssl/cms.h>
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
+#include <openssl/pem.h>
 #include <openssl/rand.h>
 
 #include "quelvane_bufchain.h"
@@ -64,20 +67,65 @@ ssize_t write_retrying(int fd, const void *data, size_t length)
     return static_cast<ssize_t>(done);
 }
 
-// Archive bytes handed to the output so far, the encryption header included.
+// Archive bytes handed to the output so far, the encryption header included,
+// and their SHA-256 when a checksum is asked for.
 uint64_t delivered;
+struct DigestFree {
+    void operator()(EVP_MD_CTX *context) const { EVP_MD_CTX_free(context); }
+};
+std::unique_ptr<EVP_MD_CTX, DigestFree> delivered_digest;
+
+// Encryption to a certificate: the CMS filter writes into a memory BIO that
+// is emptied to the output after every write, so memory stays flat.
+struct BioFree {
+    void operator()(BIO *bio) const { BIO_free_all(bio); }
+};
+struct CmsFree {
+    void operator()(CMS_ContentInfo *cms) const { CMS_ContentInfo_free(cms); }
+};
+std::unique_ptr<CMS_ContentInfo, CmsFree> cms;
+std::unique_ptr<BIO, BioFree> cms_chain;  // the CMS filter over cms_out
+BIO *cms_out;
+
+// Every byte that leaves for the output passes here.
+int deliver(int fd, const void *bytes, size_t count)
+{
+    if (write_retrying(fd, bytes, count) == -1)
+        return -1;
+    delivered += count;
+    if (delivered_digest)
+        EVP_DigestUpdate(delivered_digest.get(), bytes, count);
+    return 0;
+}
+
+// What the CMS filter has made so far goes out.
+int drain_cms(int fd)
+{
+    char *bytes = nullptr;
+    long count = BIO_get_mem_data(cms_out, &bytes);
+    int result = count > 0 ? deliver(fd, bytes, static_cast<size_t>(count)) : 0;
+    (void)BIO_reset(cms_out);
+    return result;
+}
 
 int write_out(int fd, const void *bytes, size_t count)
 {
-    if (write_retrying(fd, bytes, count) != -1) {
-        delivered += count;
+    int result;
+    if (cms_chain)
+        result = BIO_write(cms_chain.get(), bytes, static_cast<int>(count)) == static_cast<int>(count) ? drain_cms(fd)
+                                                                                                     : -1;
+    else
+        result = deliver(fd, bytes, count);
+    if (result == 0)
         return 0;
-    }
     int error = errno;  // before the catalogue lookup can touch it
     fprintf(stderr, "%s: %s\n", _("Error writing data file"), strerror(error));
     errno = error;
     return -1;
 }
+
+// PBKDF2-SHA256 iterations for the salted format; 0: one MD5 pass.
+unsigned pbkdf2_iterations;
 
 int flush_pending()
 {
@@ -122,8 +170,19 @@ int sink_encrypt_start(const char *password, int out_fd)
 
     unsigned char salt[SALT_LENGTH] = {};
     (void)RAND_bytes(salt, sizeof salt);
-    EVP_BytesToKey(aes, digest, salt, reinterpret_cast<const unsigned char *>(password),
-                   static_cast<int>(strlen(password)), 1, key, iv);
+    if (pbkdf2_iterations > 0) {
+        // What openssl enc -pbkdf2 -iter N derives: key and IV from one run.
+        unsigned char both[32];
+        if (!PKCS5_PBKDF2_HMAC(password, static_cast<int>(strlen(password)), salt, sizeof salt,
+                               static_cast<int>(pbkdf2_iterations), EVP_sha256(), sizeof both, both))
+            return -1;
+        memcpy(key, both, 16);
+        memcpy(iv, both + 16, 16);
+        OPENSSL_cleanse(both, sizeof both);
+    } else {
+        EVP_BytesToKey(aes, digest, salt, reinterpret_cast<const unsigned char *>(password),
+                       static_cast<int>(strlen(password)), 1, key, iv);
+    }
     int initialised = EVP_EncryptInit_ex(cipher.get(), aes, nullptr, key, iv);
     OPENSSL_cleanse(key, sizeof key);
     OPENSSL_cleanse(iv, sizeof iv);
@@ -131,12 +190,11 @@ int sink_encrypt_start(const char *password, int out_fd)
         return -1;
 
     if (out_fd >= 0) {
-        if (flush_pending() != 0 || write_retrying(out_fd, ENCRYPTED_MAGIC, sizeof ENCRYPTED_MAGIC - 1) == -1 ||
-            write_retrying(out_fd, salt, sizeof salt) == -1) {
+        if (flush_pending() != 0 || deliver(out_fd, ENCRYPTED_MAGIC, sizeof ENCRYPTED_MAGIC - 1) == -1 ||
+            deliver(out_fd, salt, sizeof salt) == -1) {
             cipher.reset();
             return -1;
         }
-        delivered += sizeof ENCRYPTED_MAGIC - 1 + sizeof salt;
     }
     encryption_active = 1;
     return 0;
@@ -188,15 +246,79 @@ int sink_encrypt_finish(int out_fd)
         return -1;
     if (out_fd < 0)
         return -1;
-    ssize_t written = flush_pending() == 0 ? write_retrying(out_fd, staging, static_cast<size_t>(staging_count)) : -1;
+    int written = flush_pending() == 0 ? deliver(out_fd, staging, static_cast<size_t>(staging_count)) : -1;
     cipher.reset();
-    if (written == -1)
-        return -1;
-    delivered += static_cast<uint64_t>(written);
-    return 0;
+    return written;
 }
 
 uint64_t sink_delivered() { return delivered; }
+
+void sink_use_pbkdf2(unsigned iterations) { pbkdf2_iterations = iterations; }
+
+int sink_recipient_start(const char *cert_path, int out_fd)
+{
+    OPENSSL_init_crypto(OPENSSL_INIT_NO_LOAD_CONFIG, nullptr);
+    X509 *certificate = nullptr;
+    if (FILE *file = fopen(cert_path, "r")) {
+        certificate = PEM_read_X509(file, nullptr, nullptr, nullptr);
+        fclose(file);
+    }
+    if (certificate == nullptr) {
+        fprintf(stderr, _("Unable to read a PEM certificate from %s\n"), cert_path);
+        return -1;
+    }
+    STACK_OF(X509) *recipients = sk_X509_new_null();
+    if (recipients == nullptr || !sk_X509_push(recipients, certificate)) {
+        X509_free(certificate);
+        sk_X509_free(recipients);
+        return -1;
+    }
+    // Streaming: the content is not given here but written through the BIO.
+    cms.reset(CMS_encrypt(recipients, nullptr, EVP_aes_256_cbc(), CMS_BINARY | CMS_STREAM));
+    sk_X509_pop_free(recipients, X509_free);
+    BIO *out = cms ? BIO_new(BIO_s_mem()) : nullptr;
+    BIO *chain = out != nullptr ? BIO_new_CMS(out, cms.get()) : nullptr;
+    if (chain == nullptr) {
+        BIO_free(out);
+        cms.reset();
+        fprintf(stderr, _("Unable to encrypt to the certificate in %s\n"), cert_path);
+        return -1;
+    }
+    cms_out = out;
+    cms_chain.reset(chain);
+    return flush_pending() == 0 && drain_cms(out_fd) == 0 ? 0 : -1;
+}
+
+int sink_recipient_finish(int out_fd)
+{
+    if (!cms_chain || flush_pending() != 0)
+        return -1;
+    int result = BIO_flush(cms_chain.get()) == 1 ? drain_cms(out_fd) : -1;
+    cms_chain.reset();
+    cms.reset();
+    return result;
+}
+
+void sink_hash_delivered()
+{
+    delivered_digest.reset(EVP_MD_CTX_new());
+    if (delivered_digest && !EVP_DigestInit_ex(delivered_digest.get(), EVP_sha256(), nullptr))
+        delivered_digest.reset();
+}
+
+std::string sink_delivered_sha256()
+{
+    unsigned char digest[32];
+    unsigned length = 0;
+    if (!delivered_digest || !EVP_DigestFinal_ex(delivered_digest.get(), digest, &length))
+        return "";
+    delivered_digest.reset();
+    static const char hex[] = "0123456789abcdef";
+    std::string text;
+    for (unsigned i = 0; i < length; ++i)
+        text += {hex[digest[i] >> 4], hex[digest[i] & 15]};
+    return text;
+}
 
 // ---------------------------------------------------------------------------
 // Collection
@@ -484,10 +606,13 @@ int quelvane_execute_command(int out_fd, ConfigEntry *entry, ZipWriter *archive,
 
     if (quelvane_zip_stderr_member(entry, &err_member, index) != 0)
         return -1;
+    err_member.origin_kind = "command";
+    err_member.origin = entry->command;
 
     const char *program = entry->argv.empty() ? entry->path.c_str() : entry->argv[0].c_str();
     if (access(program, X_OK) != 0) {
         note_result(RESULT_ERROR);
+        err_member.status = "missing";
         if (quelvane_vbprintf(&message_chain, _("QUELVANE MSG: %s does not exist on this platform\n"),
                               entry->path.c_str()) < 0)
             return -1;
@@ -500,6 +625,8 @@ int quelvane_execute_command(int out_fd, ConfigEntry *entry, ZipWriter *archive,
 
     if (quelvane_zip_stdout_member(entry, &out_member, index) != 0)
         return -1;
+    out_member.origin_kind = "command";
+    out_member.origin = entry->command;
 
     Pipe out_pipe;
     Pipe err_pipe;
@@ -626,6 +753,15 @@ int quelvane_execute_command(int out_fd, ConfigEntry *entry, ZipWriter *archive,
 
     if (ending != Ending::finished)
         command.stop(&status);
+    // How it ended, for the manifest; only an exit code counts as a failure.
+    for (ZipMember *member : {&out_member, &err_member}) {
+        const int code = (status & 0x7f) == 0 ? (status >> 8) & 0xff : 0;
+        member->status = ending == Ending::timed_out     ? "timeout"
+                         : ending == Ending::interrupted ? "interrupted"
+                         : code != 0                     ? "exit"
+                                                         : "ok";
+        member->exit_status = code;
+    }
 
     // Whatever the command left in its pipes, without waiting for the end
     // of a stream that a background process may still hold open.
@@ -779,6 +915,14 @@ int datagen_collect_file(int out_fd, ConfigEntry *entry, ZipWriter *archive)
     std::string error_text;
     int code = zip_init_file_member(entry, &file_member, &error_text);
     FileClose file_close{&file_member};
+    for (ZipMember *member : {&file_member, &err_member}) {
+        member->origin_kind = "file";
+        member->origin = entry->path;
+    }
+    if (code != 0) {
+        err_member.status = "error";
+        err_member.error = error_text;
+    }
     if (code != 0) {
         print_progress(_(" - Status: No file status\n"));
         print_progress(_("Error for file: %s: %s\n"), path, error_text.c_str());
@@ -792,6 +936,8 @@ int datagen_collect_file(int out_fd, ConfigEntry *entry, ZipWriter *archive)
         int error = errno;
         result = error == EACCES ? -3 : -1;
         const char *source = file_member.source_path.c_str();
+        err_member.status = "error";
+        err_member.error = strerror(error);
         print_progress(_(" - Status: FAIL\n"));
         print_progress(_("Unable to open file: %s: %s\n"), source, strerror(error));
         if (quelvane_vbprintf(&stderr_chain, _("Unable to open file: %s: %s\n"), source, strerror(error)) < 0) {
@@ -815,6 +961,8 @@ int datagen_collect_file(int out_fd, ConfigEntry *entry, ZipWriter *archive)
             print_progress(_(" - Status: FAIL\n"));
             zip_close_member_file(&file_member);
             if (read_error != 0) {
+                file_member.status = err_member.status = "error";
+                file_member.error = err_member.error = strerror(read_error);
                 // A read error is the file's fault, not the archive's. The
                 // member is ended where the data stopped, so that the archive
                 // stays readable; it keeps its stat size, which readers flag.
@@ -856,7 +1004,9 @@ bool may_start(const ZipWriter *archive, Names names)
     if (stop_reason == nullptr && run_deadline_passed())
         stop_reason = "deadline";
     if (stop_reason == nullptr && zip_budget_active()) {
-        const std::pair<std::string, std::string> named = names();
+        // Scrubbed as the header will write them.
+        std::pair<std::string, std::string> named = names();
+        named = {scrub_text(named.first), scrub_text(named.second)};
         const uint64_t err_cost = zip_member_cost(named.second.size(), NOTE_RESERVE);
         zip_budget_hold(skipped_reserve);
         if (zip_budget_admits(archive->total_written, zip_member_cost(named.first.size(), MIN_DATA) + err_cost))
@@ -976,6 +1126,8 @@ int datagen_write_config(int out_fd, ZipWriter *archive, const char *prefix, con
         zip_member_init(&member, MEMBER_FILE);
         member.name = top_member_name(prefix, "CONFIG");
         member.source_path = config_file;
+        member.origin_kind = "file";
+        member.origin = config_file;
         zip_member_from_stat(&member, st);
         // Unreadable although stat saw it: the run goes on without it.
         member.source_file = fopen(config_file, "r");
@@ -1037,8 +1189,16 @@ namespace {
 const char *const KIND_NAMES[] = {"cmd", "file", "log", "cut"};
 const char *const RESULT_NAMES[] = {"ok", "error", "timeout", "interrupted", "skipped"};
 
-// The entries the limits left out, one line each for the SKIPPED member.
+// The entries the limits left out, one line each for the SKIPPED member,
+// and the same for the manifest.
 std::string skipped_lines;
+struct Skipped {
+    std::string reason;
+    size_t number;
+    std::string kind;
+    std::string member;
+};
+std::vector<Skipped> skipped_entries;
 
 long long elapsed_ms(const struct timespec &start)
 {
@@ -1076,7 +1236,7 @@ int datagen_walk_entries(int out_fd, ConfigList *list, ZipWriter *archive, uint3
                 entry->type > ENTRY_CUT)
                 continue;
             selected.push_back(entry);
-            members.push_back(entry_member(entry));
+            members.push_back(scrub_text(entry_member(entry)));
         }
         // What SKIPPED may still need from each entry on: a line for it and
         // every later one, and the member's records (its name is never longer
@@ -1093,6 +1253,7 @@ int datagen_walk_entries(int out_fd, ConfigList *list, ZipWriter *archive, uint3
         }
         stop_reason = nullptr;
         skipped_lines.clear();
+        skipped_entries.clear();
         progress_event("BEGIN %zu v%d\n", selected.size(), PROGRESS_PROTOCOL);
 
         unsigned errors = 0;
@@ -1106,6 +1267,7 @@ int datagen_walk_entries(int out_fd, ConfigList *list, ZipWriter *archive, uint3
             bool start = entry->type == ENTRY_CMD || entry->type == ENTRY_CUT ? may_start_command(archive, entry, 0)
                                                                               : may_start_file(archive, entry);
             if (!start) {
+                skipped_entries.push_back({stop_reason, number, KIND_NAMES[entry->type], member});
                 skipped_lines += skipped_line(stop_reason, number, entry, member);
                 ++errors;
                 progress_event("END %zu %s skipped 0 0 0\n", number, member.c_str());
@@ -1125,6 +1287,7 @@ int datagen_walk_entries(int out_fd, ConfigList *list, ZipWriter *archive, uint3
                 return -2;
             if (entry_result == RESULT_SKIPPED) {
                 // Partly collected: the rest of its matches or domains.
+                skipped_entries.push_back({stop_reason, number, KIND_NAMES[entry->type], member});
                 skipped_lines += skipped_line(stop_reason, number, entry, member);
                 ++errors;
             }
@@ -1158,6 +1321,125 @@ int datagen_write_skipped(int out_fd, ZipWriter *archive, const char *prefix)
         zip_budget_hold(0);
         return write_chain_member(out_fd, &text, &member, archive) == 0 ? 0 : -2;
     } catch (const std::bad_alloc &) {
+        return -1;
+    }
+}
+
+namespace {
+
+std::string hex(const unsigned char *bytes, size_t count)
+{
+    static const char digits[] = "0123456789abcdef";
+    std::string text;
+    for (size_t i = 0; i < count; ++i)
+        text += {digits[bytes[i] >> 4], digits[bytes[i] & 15]};
+    return text;
+}
+
+std::string utc_time(int64_t milliseconds)
+{
+    time_t seconds = static_cast<time_t>(milliseconds / 1000);
+    struct tm parts;
+    char text[64] = "";
+    if (gmtime_r(&seconds, &parts) == nullptr || strftime(text, 32, "%Y-%m-%dT%H:%M:%S", &parts) == 0)
+        return "";
+    snprintf(text + strlen(text), sizeof text - strlen(text), ".%03dZ", static_cast<int>(milliseconds % 1000));
+    return text;
+}
+
+nlohmann::ordered_json describe(const ZipMember &member)
+{
+    nlohmann::ordered_json result = {{"status", member.status}};
+    if (member.status == "exit")
+        result["exit_status"] = member.exit_status;
+    if (!member.error.empty())
+        result["error"] = member.error;
+    result["cut"] = member.cut;
+    char crc_text[16];
+    snprintf(crc_text, sizeof crc_text, "%08x", member.crc32);
+    nlohmann::ordered_json made = {{"kind", member.origin_kind}};
+    if (member.origin_kind == "command")
+        made["command"] = member.origin;
+    else if (member.origin_kind == "file")
+        made["path"] = member.origin;
+    return {{"name", member.name},
+            {"made_by", made},
+            {"result", result},
+            {"bytes_in", member.data_in},
+            {"bytes_out", member.compressed_size},
+            {"crc32", crc_text},
+            {"sha256", hex(member.sha256, sizeof member.sha256)},
+            {"started", utc_time(member.started_ms)},
+            {"duration_ms", member.duration_ms}};
+}
+
+// Deflates text into the member as one more piece of it.
+int add_text(int out_fd, ZipMember *member, ZipWriter *archive, const std::string &text, int flush)
+{
+    for (size_t at = 0; at < text.size() || (at == 0 && flush == Z_FINISH);) {
+        const size_t piece = std::min<size_t>(text.size() - at, 32768);
+        const bool last = at + piece >= text.size();
+        int result = zip_deflate_chunk(member, out_fd, text.data() + at, static_cast<unsigned>(piece),
+                                       last ? flush : Z_NO_FLUSH, &archive->total_written);
+        if (result != Z_OK && result != Z_STREAM_END)
+            return -1;
+        at += piece;
+        if (last)
+            break;
+    }
+    return 0;
+}
+
+}  // namespace
+
+int datagen_write_manifest(int out_fd, ZipWriter *archive, const char *prefix,
+                           const std::vector<std::pair<std::string, std::string>> &options)
+{
+    if (out_fd < 0 || archive == nullptr || prefix == nullptr)
+        return -1;
+    try {
+        char host[256] = "";
+        gethostname(host, sizeof host - 1);
+        nlohmann::ordered_json given = nlohmann::ordered_json::object();
+        for (const auto &option : options)
+            given[option.first] = option.second;
+        nlohmann::ordered_json head = {{"tool", "quelvane"}, {"version", "1.1"}, {"host", host},
+                                       {"created", utc_time(static_cast<int64_t>(time(nullptr)) * 1000)},
+                                       {"options", given}};
+        nlohmann::ordered_json left_out = nlohmann::ordered_json::array();
+        for (const Skipped &entry : skipped_entries)
+            left_out.push_back({{"number", entry.number}, {"kind", entry.kind}, {"member", entry.member},
+                                {"reason", entry.reason}});
+        head["skipped"] = left_out;
+        // Members one at a time, so that a large archive's list never sits in
+        // memory as text: the head without its closing brace, then each.
+        std::string text = head.dump(1);
+        text.erase(text.find_last_not_of(" \n", text.find_last_of('}') - 1) + 1);
+        text += ",\n \"members\": [";
+
+        ZipMember member;
+        zip_member_init(&member, MEMBER_GENERATED);
+        member.name = top_member_name(prefix, "MANIFEST.json");
+        if (quelvane_z_output_local_file_header(out_fd, &member, &archive->total_written) != 0)
+            return -2;
+        const std::vector<ZipMember> &members = zip_member_list();
+        for (size_t i = 0; i < members.size(); ++i) {
+            text += (i == 0 ? "\n  " : ",\n  ") + describe(members[i]).dump(-1, ' ', false,
+                                                                             nlohmann::json::error_handler_t::replace);
+            if (text.size() >= 32768) {
+                if (add_text(out_fd, &member, archive, text, Z_NO_FLUSH) != 0)
+                    return -2;
+                text.clear();
+            }
+        }
+        text += "\n ]\n}\n";
+        if (add_text(out_fd, &member, archive, text, Z_FINISH) != 0 ||
+            zip_finish_member(out_fd, &member, &archive->total_written) != 0)
+            return -2;
+        return 0;
+    } catch (const std::bad_alloc &) {
+        return -1;
+    } catch (const nlohmann::json::exception &) {
         return -1;
     }
 }

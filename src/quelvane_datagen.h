@@ -7,6 +7,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "quelvane_config_file.h"
 #include "quelvane_zip.h"
@@ -19,6 +21,16 @@ int sink_flush(int out_fd);
 int sink_encrypt_finish(int out_fd);
 // Archive bytes delivered so far, encryption included.
 uint64_t sink_delivered();
+// Before sink_encrypt_start: the key from PBKDF2-SHA256 with this many
+// iterations (openssl enc -pbkdf2 -iter N); 0 keeps one MD5 pass.
+void sink_use_pbkdf2(unsigned iterations);
+// Encryption to the key of a PEM certificate instead of a password: the
+// archive streams as CMS enveloped data (BER). 0, or -1 after a message.
+int sink_recipient_start(const char *cert_path, int out_fd);
+int sink_recipient_finish(int out_fd);
+// The SHA-256 of the bytes delivered from now on, and its hex text (once).
+void sink_hash_delivered();
+std::string sink_delivered_sha256();
 
 // How an entry went, worst last, as the progress channel names them.
 enum { RESULT_OK, RESULT_ERROR, RESULT_TIMEOUT, RESULT_INTERRUPTED, RESULT_SKIPPED };
@@ -41,6 +53,11 @@ int datagen_walk_entries(int out_fd, ConfigList *list, ZipWriter *archive, uint3
 // left out ("<reason> <number> <kind> <member>"), written only when there
 // is one.
 int datagen_write_skipped(int out_fd, ZipWriter *archive, const char *prefix);
+// MANIFEST.json, the last member: every member made so far (what made it,
+// how that went, sizes, CRC-32, SHA-256, start and duration), the entries
+// left out, the version, the host and the options given.
+int datagen_write_manifest(int out_fd, ZipWriter *archive, const char *prefix,
+                           const std::vector<std::pair<std::string, std::string>> &options);
 int datagen_run_command_entry(int out_fd, ConfigEntry *entry, ZipWriter *archive,
                               unsigned *errors, int max_domains);
 
