@@ -16,6 +16,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include <openssl/crypto.h>
 
@@ -38,7 +41,8 @@ const char VERSION[] = "1.1";
 
 // Additions to the command line are long options only, so that every short
 // option, message and exit status stays as it was.
-enum { OPTION_HELP = 256, OPTION_VERSION, OPTION_PROGRESS_FD, OPTION_DEADLINE, OPTION_GENTLE, OPTION_MAX_SIZE };
+enum { OPTION_HELP = 256, OPTION_VERSION, OPTION_PROGRESS_FD, OPTION_DEADLINE, OPTION_GENTLE, OPTION_MAX_SIZE,
+       OPTION_MANIFEST, OPTION_CHECKSUM, OPTION_SCRUB, OPTION_PBKDF2, OPTION_RECIPIENT };
 const struct option LONG_OPTIONS[] = {
     {"help", no_argument, nullptr, OPTION_HELP},
     {"version", no_argument, nullptr, OPTION_VERSION},
@@ -46,6 +50,11 @@ const struct option LONG_OPTIONS[] = {
     {"deadline", required_argument, nullptr, OPTION_DEADLINE},
     {"gentle", no_argument, nullptr, OPTION_GENTLE},
     {"max-size", required_argument, nullptr, OPTION_MAX_SIZE},
+    {"manifest", no_argument, nullptr, OPTION_MANIFEST},
+    {"checksum", required_argument, nullptr, OPTION_CHECKSUM},
+    {"scrub", required_argument, nullptr, OPTION_SCRUB},
+    {"pbkdf2", optional_argument, nullptr, OPTION_PBKDF2},
+    {"recipient", required_argument, nullptr, OPTION_RECIPIENT},
     {nullptr, 0, nullptr, 0},
 };
 
@@ -73,9 +82,16 @@ const char *const HELP_LINES[] = {
     "      --gentle             lowest CPU and I/O priority; pause while the machine is busy",
     "      --max-size=BYTES     the archive never grows past BYTES (suffixes K, M, G)",
     "      --progress-fd=FD     progress lines for a program on descriptor FD",
+    "      --manifest           a last member MANIFEST.json: every member, its result and SHA-256",
+    "      --checksum=PATH      the SHA-256 of the archive as delivered, for sha256sum -c",
+    "      --scrub=FILE         replace the secrets FILE lists (name=value) wherever they appear",
+    "      --pbkdf2[=ITER]      with -e: a PBKDF2-SHA256 key (openssl enc -pbkdf2 -iter ITER)",
+    "      --recipient=CERT     encrypt to CERT's key as CMS (openssl cms -decrypt), no password",
     "      --help       this list, then exit",
     "      --version    the name and version, then exit",
 };
+
+constexpr unsigned DEFAULT_PBKDF2_ITERATIONS = 100000;
 
 // The smallest budget: room for README, CONFIG and the records that end
 // an archive.
@@ -184,6 +200,27 @@ void parse_options(int argc, char **argv, RunOptions *options)
         }
         case OPTION_GENTLE:
             options->gentle = true;
+            break;
+        case OPTION_MANIFEST:
+            options->manifest = true;
+            break;
+        case OPTION_CHECKSUM:
+            options->checksum_path = optarg;
+            break;
+        case OPTION_SCRUB:
+            options->scrub_path = optarg;
+            break;
+        case OPTION_PBKDF2: {
+            uint64_t iterations = DEFAULT_PBKDF2_ITERATIONS;
+            if (optarg != nullptr && !parse_number(optarg, "", 1, INT32_MAX, &iterations)) {
+                fprintf(stderr, _("Invalid --pbkdf2 '%s': iterations from 1 to %d\n"), optarg, INT32_MAX);
+                stop(1);
+            }
+            options->pbkdf2 = static_cast<unsigned>(iterations);
+            break;
+        }
+        case OPTION_RECIPIENT:
+            options->recipient = optarg;
             break;
         case OPTION_MAX_SIZE:
             if (!parse_number(optarg, "KMG", MIN_MAX_SIZE, UINT64_MAX / 2, &options->max_size)) {
@@ -344,6 +381,12 @@ void parse_options(int argc, char **argv, RunOptions *options)
         refuse(_("-I requires -e flag\n"));
     if (seen_I && seen_P)
         refuse(_("-I and -P cannot be used together\n"));
+    if (options->pbkdf2 != 0 && !encrypt_output)
+        refuse(_("--pbkdf2 requires -e flag\n"));
+    if (!options->recipient.empty() && encrypt_output)
+        refuse(_("--recipient and -e cannot be used together\n"));
+    if (options->max_size != 0 && (options->manifest || !options->recipient.empty()))
+        refuse(_("--max-size cannot be used with --manifest or --recipient\n"));
     if (options->remove_device_files && !seen_d)
         refuse(_("-r requires -d flag\n"));
     if (!seen_o)
@@ -387,6 +430,48 @@ struct RunState {
     int collection_errors = 0;
     struct stat opened = {};  // the output file this run created or truncated
 };
+
+// The archive's SHA-256, with --checksum, once it is complete.
+std::string delivered_checksum;
+
+// The options of this run for the manifest; never a password.
+std::vector<std::pair<std::string, std::string>> given_options(const RunOptions &options)
+{
+    std::vector<std::pair<std::string, std::string>> given = {
+        {"archive", options.archive_name}, {"config", options.config_path}, {"output", options.output_path},
+        {"datasets", options.dataset_letters}};
+    const std::pair<const char *, bool> flags[] = {
+        {"browser", bui_header != 0},        {"no_compression", no_compression != 0},
+        {"encrypted", encrypt_output != 0},  {"log_only", log_only_mode != 0},
+        {"gentle", options.gentle},          {"manifest", options.manifest}};
+    for (const auto &flag : flags)
+        if (flag.second)
+            given.emplace_back(flag.first, "yes");
+    const std::pair<const char *, std::string> valued[] = {
+        {"device", options.usb_device},
+        {"deadline", options.deadline != 0 ? std::to_string(options.deadline) : ""},
+        {"max_size", options.max_size != 0 ? std::to_string(options.max_size) : ""},
+        {"pbkdf2", options.pbkdf2 != 0 ? std::to_string(options.pbkdf2) : ""},
+        {"recipient", options.recipient}, {"scrub", options.scrub_path}, {"checksum", options.checksum_path}};
+    for (const auto &value : valued)
+        if (!value.second.empty())
+            given.emplace_back(value.first, value.second);
+    return given;
+}
+
+// "<sha256>  <name>", as sha256sum -c reads it.
+int write_checksum(const std::string &path, const std::string &digest, const std::string &name)
+{
+    FILE *file = digest.empty() ? nullptr : fopen(path.c_str(), "w");
+    bool written = file != nullptr && fprintf(file, "%s  %s\n", digest.c_str(), name.c_str()) > 0;
+    if (file != nullptr && fclose(file) != 0)
+        written = false;
+    if (written)
+        return 0;
+    int error = errno;
+    fprintf(stderr, _("Unable to write the checksum to %s: %s\n"), path.c_str(), strerror(error));
+    return -1;
+}
 
 // Standard output was closed when we started: descriptor 1 is /dev/null.
 bool stdout_was_closed;
@@ -533,6 +618,13 @@ void collect(RunOptions *options, RunState *run, char *password)
         run->status = 2;
         return;
     }
+    if (!options->checksum_path.empty())
+        sink_hash_delivered();
+    if (!options->recipient.empty() && sink_recipient_start(options->recipient.c_str(), out) != 0) {
+        run->status = 1;
+        return;
+    }
+    sink_use_pbkdf2(options->pbkdf2);
     int started = encrypt_output ? sink_encrypt_start(password, out) : 0;
     // The key is derived: the password has no further use.
     OPENSSL_cleanse(password, MAX_PASSWORD + 1);
@@ -541,6 +633,7 @@ void collect(RunOptions *options, RunState *run, char *password)
         fputs(_("Error starting encryption\n"), stderr);
         return;
     }
+    zip_hash_members(options->manifest);
 
     // The budget counts what is delivered: the ciphertext, not the plain archive.
     if (options->max_size != 0) {
@@ -592,12 +685,27 @@ void collect(RunOptions *options, RunState *run, char *password)
         }
         if (listed == -1)
             fputs(_("Unable to record the skipped entries\n"), stderr);
+        if (options->manifest) {
+            int made = datagen_write_manifest(out, &archive, options->archive_base.c_str(), given_options(*options));
+            if (made == -2) {
+                run->status = 2;
+                fputs(_("Error with output\n"), stderr);
+                return;
+            }
+            if (made == -1)
+                fputs(_("Unable to write the manifest\n"), stderr);
+        }
         print_progress(_("Completing ZIP archive\n"));
     }
 
     if (zip_finish_archive(out, &archive.total_written) == -1) {
         run->status = 2;
         fputs(_("Error completing zip archive\n"), stderr);
+        return;
+    }
+    if (!options->recipient.empty() && sink_recipient_finish(out) == -1) {
+        run->status = 2;
+        fputs(_("Error completing encryption\n"), stderr);
         return;
     }
     if (encrypt_output && sink_encrypt_finish(out) == -1) {
@@ -612,17 +720,24 @@ void collect(RunOptions *options, RunState *run, char *password)
     }
     // Kept only once it is complete: a failure above leaves no partial file.
     run->keep_archive = walked >= 0;
+    if (walked >= 0 && !options->checksum_path.empty()) {
+        delivered_checksum = sink_delivered_sha256();
+        if (write_checksum(options->checksum_path, delivered_checksum,
+                           bui_download_mode ? options->archive_name : options->output_path) != 0) {
+            run->status = 2;
+            run->keep_archive = 0;
+        }
+    }
 }
 
-}  // namespace
-
-namespace {
-
-// The progress channel's last line: the archive's size, or why it failed.
+// The progress channel's last line: the archive's size, or why it failed;
+// after the size, in download mode, the checksum asked for.
 void report_end(int status)
 {
     if (status == 0) {
         progress_event("OK %llu\n", static_cast<unsigned long long>(sink_delivered()));
+        if (bui_download_mode && !delivered_checksum.empty())
+            progress_event("SHA256 %s\n", delivered_checksum.c_str());
         return;
     }
     static const struct {
@@ -641,6 +756,7 @@ void report_end(int status)
 int quelvane_run(RunOptions *options)
 {
     int status = quelvane_run_collection(options);
+    scrub_wipe();
     report_end(status);
     return status;
 }
@@ -652,6 +768,8 @@ int quelvane_run_collection(RunOptions *options)
     if (options->deadline != 0)
         run_deadline_set(options->deadline);
     if (options->gentle && gentle_start() != 0)
+        return 1;
+    if (!options->scrub_path.empty() && scrub_load(options->scrub_path.c_str()) != 0)
         return 1;
     set_instance_name(program_name);
     if (quelvane_signal_setup() == -1) {

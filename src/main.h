@@ -22,6 +22,11 @@ struct RunOptions {
     unsigned deadline = 0;             // --deadline, seconds; 0 without
     bool gentle = false;               // --gentle
     uint64_t max_size = 0;             // --max-size, bytes; 0 without
+    bool manifest = false;             // --manifest
+    std::string checksum_path;         // --checksum
+    std::string scrub_path;            // --scrub
+    unsigned pbkdf2 = 0;               // --pbkdf2 iterations; 0 without
+    std::string recipient;             // --recipient certificate
     bool have_device = false;
     bool have_password = false;
 };

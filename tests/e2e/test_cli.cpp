@@ -49,6 +49,10 @@ const struct { Args args; std::string message; int status; } REFUSALS[] = {
     {req({"--max-size=2X"}), "Invalid --max-size '2X': bytes, at least 4096, with K, M or G to scale\n", 1},
     {req({"--progress-fd=2"}), PROGRESS_FD, 1},
     {req({"--progress-fd=57"}), PROGRESS_FD, 1},
+    {req({"-e", "-P", "p", "--pbkdf2=0"}), "Invalid --pbkdf2 '0': iterations from 1 to 2147483647\n", 1},
+    {req({"--pbkdf2"}), "--pbkdf2 requires -e flag\n", 1},
+    {req({"-e", "-P", "p", "--recipient=c"}), "--recipient and -e cannot be used together\n", 1},
+    {req({"--max-size=1M", "--manifest"}), "--max-size cannot be used with --manifest or --recipient\n", 1},
     {{"-b", "-b", "-Z"}, "The -b flag has already been specified.\n", 1},
     {{"-v", "-o"}, "Option -o requires an argument\n", 1},
     {{"-a", "/x"}, "archive-name may not contain '/': '/x'\n", 1},
@@ -103,7 +107,9 @@ TEST(CommandLine, HelpAndVersion)
     EXPECT_EQ(help.out.substr(0, help.out.find('\n')), "Usage: quelvane -f config -a archive-name -o output [option]...");
     for (const char *option : {"-a", "-b", "-C", "-d", "-e", "-f", "-h", "-I", "-l", "-L", "-n", "-o", "-p", "-P", "-q",
                                "-u", "-v", "-y", "    --help", "    --version",
-                               "    --deadline=SECONDS", "    --gentle", "    --max-size=BYTES", "    --progress-fd=FD"})
+                               "    --deadline=SECONDS", "    --gentle", "    --max-size=BYTES", "    --progress-fd=FD",
+                               "    --manifest", "    --checksum=PATH", "    --scrub=FILE", "    --pbkdf2[=ITER]",
+                               "    --recipient=CERT"})
         EXPECT_NE(help.out.find(std::string("\n  ") + option + " "), std::string::npos) << option;
     qt::RunResult version = qt::run_quelvane(dir, {"--version"});
     EXPECT_EQ(std::to_string(version.status) + version.out + version.err, "0quelvane 1.1\n");
