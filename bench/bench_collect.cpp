@@ -1,7 +1,9 @@
 // Collection throughput and memory: a generated corpus of log-like files
 // collected by quelvane, beside zip -r -6 of the same files and a bare loop
 // that writes a streaming ZIP of them; then a configuration of 200 short
-// commands. Prints PASS/FAIL lines and exits non-zero on any FAIL.
+// commands. The corpus again with --scrub (100 secrets, at least 85% of the
+// plain throughput), --manifest (at least 95%) and --recipient (under 8 MiB).
+// Prints PASS/FAIL lines and exits non-zero on any FAIL.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -135,6 +137,40 @@ int main()
                                                   " x the bare loop's time (at most 1.05)");
     ok &= report(quelvane_kb < MEMORY_LIMIT_KB,
                  "peak memory " + std::to_string(quelvane_kb) + " KiB is under 8 MiB");
+
+    // The trust options on the same corpus, each beside a plain run of its round.
+    std::string secrets;
+    for (int i = 0; i < 100; ++i)
+        secrets += "secret" + std::to_string(i) + "=" + std::to_string(0x9e3779b97f4a7c15ULL * (i + 1)) + "Zq\n";
+    qt::write_file(dir.file("secrets"), secrets, 0600);
+    if (qt::run_program("/usr/bin/openssl", {"req", "-x509", "-newkey", "rsa:2048", "-nodes", "-subj", "/CN=bench",
+                                             "-keyout", dir.file("key.pem"), "-out", dir.file("cert.pem")}).status != 0)
+        return 2;
+    const struct { const char *option; double share; } TRUST[] = {
+        {"--scrub=secrets", 0.85}, {"--manifest", 0.95}, {"--recipient=cert.pem", 0}};
+    printf("\n%-28s %10s %10s %10s\n", "corpus with", "seconds", "of plain", "peak KiB");
+    for (const auto &t : TRUST) {
+        double plain_s = 1e9, option_s = 1e9;
+        long option_kb = 0;
+        for (int round = 0; round < ROUNDS; ++round) {
+            qt::RunResult plain = qt::run_quelvane(dir, {"-L", "A", "-f", config, "-a", "bench.zip", "-o", archive});
+            qt::RunResult r = qt::run_quelvane(dir, {"-L", "A", "-f", config, "-a", "bench.zip", "-o", archive, t.option});
+            if (plain.status != 0 || r.status != 0) {
+                printf("FAIL: quelvane %s exited %d: %s\n", t.option, r.status, r.err.c_str());
+                return 1;
+            }
+            plain_s = std::min(plain_s, plain.seconds);
+            option_s = std::min(option_s, r.seconds);
+            option_kb = std::max(option_kb, r.maxrss_kb);
+        }
+        printf("%-28s %10.2f %9.0f%% %10ld\n", t.option, option_s, 100 * plain_s / option_s, option_kb);
+        if (t.share > 0)
+            ok &= report(plain_s / option_s >= t.share, std::string(t.option) + " keeps " +
+                                                            std::to_string(plain_s / option_s) + " of the plain throughput (at least " +
+                                                            std::to_string(t.share) + ")");
+        ok &= report(option_kb < MEMORY_LIMIT_KB,
+                     std::string(t.option) + ": peak memory " + std::to_string(option_kb) + " KiB is under 8 MiB");
+    }
 
     // Many short commands: the cost of a fork, a shell and a member each.
     std::string commands = dir.file("commands.conf");
