@@ -454,6 +454,8 @@ int progress_channel_open(int fd)
         return -1;
     fcntl(fd, F_SETFL, flags | O_NONBLOCK);
     fcntl(fd, F_SETFD, FD_CLOEXEC);
+    // A reader that is gone is an error to see, from the first line on.
+    signal(SIGPIPE, SIG_IGN);
     progress_fd = fd;
     lines_lost = 0;
     return 0;
