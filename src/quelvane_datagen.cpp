@@ -67,6 +67,15 @@ ssize_t write_retrying(int fd, const void *data, size_t length)
     return static_cast<ssize_t>(done);
 }
 
+std::string hex(const unsigned char *bytes, size_t count)
+{
+    static const char digits[] = "0123456789abcdef";
+    std::string text;
+    for (size_t i = 0; i < count; ++i)
+        text += {digits[bytes[i] >> 4], digits[bytes[i] & 15]};
+    return text;
+}
+
 // Archive bytes handed to the output so far, the encryption header included,
 // and their SHA-256 when a checksum is asked for.
 uint64_t delivered;
@@ -313,11 +322,7 @@ std::string sink_delivered_sha256()
     if (!delivered_digest || !EVP_DigestFinal_ex(delivered_digest.get(), digest, &length))
         return "";
     delivered_digest.reset();
-    static const char hex[] = "0123456789abcdef";
-    std::string text;
-    for (unsigned i = 0; i < length; ++i)
-        text += {hex[digest[i] >> 4], hex[digest[i] & 15]};
-    return text;
+    return hex(digest, length);
 }
 
 // ---------------------------------------------------------------------------
@@ -1326,15 +1331,6 @@ int datagen_write_skipped(int out_fd, ZipWriter *archive, const char *prefix)
 }
 
 namespace {
-
-std::string hex(const unsigned char *bytes, size_t count)
-{
-    static const char digits[] = "0123456789abcdef";
-    std::string text;
-    for (size_t i = 0; i < count; ++i)
-        text += {digits[bytes[i] >> 4], digits[bytes[i] & 15]};
-    return text;
-}
 
 std::string utc_time(int64_t milliseconds)
 {

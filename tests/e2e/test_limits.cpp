@@ -19,15 +19,6 @@
 
 namespace {
 
-std::vector<std::string> split_lines(const std::string &text)
-{
-    std::vector<std::string> lines;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);)
-        lines.push_back(line);
-    return lines;
-}
-
 std::string flat(std::string path)  // a path as a member name's tail
 {
     std::replace(path.begin(), path.end(), '/', '@');
@@ -61,7 +52,7 @@ TEST(Limits, ProgressLinesDescribeAMixedRun)
     qt::RunResult run = qt::run_quelvane(dir, {"-f", "q.conf", "-a", "t.zip", "-o", dir.file("t.zip"), "-L", "i",
                                                "--progress-fd=3"}, progress_to(dir.file("progress")));
     ASSERT_EQ(run.status, 0) << run.err;
-    const std::vector<std::string> lines = split_lines(qt::read_file(dir.file("progress")));
+    const std::vector<std::string> lines = qt::split_lines(qt::read_file(dir.file("progress")));
     ASSERT_EQ(lines.size(), 1u + 2 * 6 + 1) << qt::read_file(dir.file("progress"));
     EXPECT_EQ(lines.front(), "BEGIN 6 v1");
     const std::regex start(R"(START (\d+) (cmd|file) (t/\S+))");
@@ -116,7 +107,7 @@ TEST(Limits, StalledReaderLosesLinesNotTime)
     ASSERT_EQ(run.status, 0) << run.err;
     EXPECT_LT(run.seconds, 6 + 1.5) << "the run waited for its reader";
     // Every line either arrived or is counted in the one LOST line.
-    const std::vector<std::string> lines = split_lines(received);
+    const std::vector<std::string> lines = qt::split_lines(received);
     auto lost = std::find_if(lines.begin(), lines.end(), [](const std::string &l) { return l.rfind("LOST ", 0) == 0; });
     ASSERT_NE(lost, lines.end()) << received;
     EXPECT_EQ(std::count_if(lines.begin(), lines.end(), [](const std::string &l) { return l.rfind("LOST", 0) == 0; }), 1);

@@ -18,10 +18,21 @@
 
 namespace {
 
+std::string host_name()
+{
+    char name[256] = {};
+    gethostname(name, sizeof name - 1);
+    return name;
+}
+
+// lighttpd serving examples/web from dir; downloads go to got, saved under the name the tool gives.
 class WebServer {
 public:
-    explicit WebServer(const qt::TempDir &dir) : dir_(dir), port_(qt::free_port())
+    const std::string saved = "controller-" + host_name() + ".zip", got;
+
+    explicit WebServer(const qt::TempDir &dir) : got(dir.file("got")), dir_(dir), port_(qt::free_port())
     {
+        mkdir(got.c_str(), 0755);
         for (const char *cgi : {"quelvane.cgi", "quelvane-encrypted.cgi", "progress.cgi"})
             qt::script(dir, cgi, qt::read_file(std::string(QUELVANE_SOURCE_DIR "/examples/web/") + cgi));
         qt::write_file(dir.file("index.html"), qt::read_file(QUELVANE_SOURCE_DIR "/examples/web/index.html"));
@@ -66,13 +77,6 @@ private:
     pid_t pid_ = -1;
 };
 
-std::string host_name()
-{
-    char name[256] = {};
-    gethostname(name, sizeof name - 1);
-    return name;
-}
-
 }  // namespace
 
 TEST(Web, DownloadsThroughARealServer)
@@ -81,8 +85,7 @@ TEST(Web, DownloadsThroughARealServer)
         GTEST_SKIP() << "the server runs the native tool";
     qt::TempDir dir;
     WebServer server(dir);
-    const std::string saved = "controller-" + host_name() + ".zip", got = dir.file("got");
-    ASSERT_EQ(mkdir(got.c_str(), 0755), 0);
+    const std::string &saved = server.saved, &got = server.got;
     // A slow first command: the download header and the first members come at once.
     ASSERT_TRUE(qt::write_file(dir.file("q.conf"), "cmd A,5,y,n slow /bin/sleep 1\ncmd A,5,y,n a /bin/echo first\n"));
     qt::RunResult curl = qt::run_program(
@@ -126,8 +129,7 @@ TEST(Web, PageFollowsTheDownloadEntryByEntry)
         GTEST_SKIP() << "the server runs the native tool";
     qt::TempDir dir;
     WebServer server(dir);
-    const std::string saved = "controller-" + host_name() + ".zip", got = dir.file("got");
-    ASSERT_EQ(mkdir(got.c_str(), 0755), 0);
+    const std::string &saved = server.saved, &got = server.got;
     std::string config;
     for (int i = 1; i <= 6; ++i)
         config += "cmd A,5,y,n step" + std::to_string(i) + " /bin/sleep 0.4\n";

@@ -94,6 +94,15 @@ std::string script(const TempDir &dir, const std::string &name, const std::strin
     return dir.file(name);
 }
 
+std::vector<std::string> split_lines(const std::string &text)
+{
+    std::vector<std::string> lines;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);)
+        lines.push_back(line);
+    return lines;
+}
+
 std::string read_file(const std::string &path)
 {
     std::ifstream in(path, std::ios::binary);
@@ -528,11 +537,8 @@ for name in bad:
 
 std::set<std::string> lines_of(const std::string &text)
 {
-    std::set<std::string> lines;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);)
-        lines.insert(line);
-    return lines;
+    const std::vector<std::string> lines = split_lines(text);
+    return std::set<std::string>(lines.begin(), lines.end());
 }
 
 std::string describe(const std::set<std::string> &names)

@@ -37,6 +37,7 @@ bool write_file(const std::string &path, const std::string &content, unsigned mo
 // An executable shell script NAME in dir; returns its path.
 std::string script(const TempDir &dir, const std::string &name, const std::string &body);
 std::string read_file(const std::string &path);
+std::vector<std::string> split_lines(const std::string &text);
 bool file_exists(const std::string &path);
 
 // One child process: its argv, environment, standard input, extra inherited
