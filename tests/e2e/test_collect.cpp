@@ -18,12 +18,6 @@ namespace {
 
 using Members = std::vector<std::pair<std::string, std::string>>;  // name, contents
 
-std::string flat(std::string path)  // a path as a member name's tail
-{
-    std::replace(path.begin(), path.end(), '/', '@');
-    return path;
-}
-
 struct Collected {
     qt::RunResult run;
     std::string path;  // the archive, also when it came on standard output
@@ -102,15 +96,15 @@ TEST(Collect, MixedConfigurationInEveryOutputMode)
                                "\ncmd i,-,y,n missing " + missing + " --flag\nfile i,-,y,y dir " + adir +
                                "\nlog i,-,y,n links " + dir.file("links/*.log") + "\nfile i,-,y,y mem /proc/self/mem\n";
     const Members members = {
-        {"t/system/ifconfig/" + flat(ifc) + "_eth0.out", "interface eth0\n"},
-        {"t/etc/" + flat(hosts), "127.0.0.1 localhost\n"},
-        {"t/logs/" + flat(a), "first\n"}, {"t/logs/" + flat(b), "second\n"},
-        {"t/one/" + flat(one) + ".out", "partial\n"},
-        {"t/one/" + flat(one) + ".err", "went wrong\nQUELVANE MSG: Child exited with 1: Operation not permitted\n"},
-        {"t/missing/" + flat(missing) + "_--flag.err",
+        {"t/system/ifconfig/" + qt::flat(ifc) + "_eth0.out", "interface eth0\n"},
+        {"t/etc/" + qt::flat(hosts), "127.0.0.1 localhost\n"},
+        {"t/logs/" + qt::flat(a), "first\n"}, {"t/logs/" + qt::flat(b), "second\n"},
+        {"t/one/" + qt::flat(one) + ".out", "partial\n"},
+        {"t/one/" + qt::flat(one) + ".err", "went wrong\nQUELVANE MSG: Child exited with 1: Operation not permitted\n"},
+        {"t/missing/" + qt::flat(missing) + "_--flag.err",
          "QUELVANE MSG: " + missing + " does not exist on this platform\n"},
-        {"t/dir/" + flat(adir) + ".err", "Error for file: " + adir + ": Not a file\n"},
-        {"t/links/" + flat(gone) + ".err", "Error for file: " + gone + ": No such file\n"},
+        {"t/dir/" + qt::flat(adir) + ".err", "Error for file: " + adir + ": Not a file\n"},
+        {"t/links/" + qt::flat(gone) + ".err", "Error for file: " + gone + ": No such file\n"},
         {"t/mem/@proc@self@mem", ""},
         {"t/mem/@proc@self@mem.err", "Unable to read file: /proc/self/mem: Input/output error\n"}};
     const std::set<std::string> flagged = {members[7].first, members[8].first, members[10].first};
@@ -220,7 +214,7 @@ TEST(Commands, TimeOutsGroupsAndFloods)
 
     const std::string term = "QUELVANE MSG: Command Timeout: Exit Signal: 15\n", written = qt::read_file(noise);
     ASSERT_EQ(written.size(), 409600u);
-    auto named = [&](std::string name, const char *tail) { return "t/" + name + "/" + flat(dir.file(name)) + tail; };
+    auto named = [&](std::string name, const char *tail) { return "t/" + name + "/" + qt::flat(dir.file(name)) + tail; };
     const qt::ZipEntry *zeros = c.zip.find(named("slow", ".out"));
     expect_members(c, config, {
         {named("slow", ".out"), std::string(zeros != nullptr ? std::max<size_t>(1, zeros->data.size()) : 1, '\0')},
@@ -268,8 +262,8 @@ TEST(Commands, InterruptStopsTheRunAndTheCommandGroup)
         const std::string removing = "Data capture interrupted by user.  Attempting to remove archive.\n";
         if (out == "-") {
             EXPECT_EQ(c.run.err, progress + removing + "Interrupted by user\n");
-            expect_members(c, config, {{"t/waits/" + flat(waits) + ".out", "waiting\n"},
-                                       {"t/waits/" + flat(waits) + ".err", "QUELVANE MSG: User Interrupt\n"}});
+            expect_members(c, config, {{"t/waits/" + qt::flat(waits) + ".out", "waiting\n"},
+                                       {"t/waits/" + qt::flat(waits) + ".err", "QUELVANE MSG: User Interrupt\n"}});
         } else {
             EXPECT_EQ(c.run.out + c.run.err, "Collecting data into " + c.path + "\n" + progress +
                                                  "Interrupted by user\n" + removing);

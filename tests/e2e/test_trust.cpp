@@ -86,8 +86,7 @@ TEST(Trust, ManifestDescribesEveryMemberAndWhatHappened)
     EXPECT_EQ(results["t/fails/@bin@ls_@nonexistent.err"]["exit_status"], 2);
     EXPECT_EQ(results["t/slow/@bin@sleep_10.out"]["status"], "timeout");
     EXPECT_EQ(results["t/gone/@bin@no-such-program.err"]["status"], "missing");
-    std::string file_member = "t/f/" + dir.file("data");
-    std::replace(file_member.begin() + 4, file_member.end(), '/', '@');
+    const std::string file_member = "t/f/" + qt::flat(dir.file("data"));
     EXPECT_EQ(described[file_member]["made_by"]["path"], dir.file("data"));
     EXPECT_EQ(described["t/ok/@bin@echo_fine.out"]["made_by"]["command"], "/bin/echo fine");
     EXPECT_GE(described["t/slow/@bin@sleep_10.out"]["duration_ms"], 1000);
@@ -107,10 +106,8 @@ TEST(Trust, ChecksumIsWhatSha256sumReadsInEveryMode)
             if (std::string(encryption) == "-e")
                 args.insert(args.end(), {"-e", "-P", "secret"});
             if (std::string(encryption) == "--recipient") {
-                ASSERT_EQ(qt::run_program("/usr/bin/openssl", {"req", "-x509", "-newkey", "rsa:2048", "-nodes", "-subj",
-                                                               "/CN=support", "-keyout", dir.file("key.pem"), "-out",
-                                                               dir.file("cert.pem")}).status, 0);
-                args.push_back("--recipient=cert.pem");
+                ASSERT_TRUE(qt::make_certificate(dir));
+                args.push_back("--recipient=support.pem");
             }
             qt::RunSpec job;
             const std::string progress = dir.file("progress");
@@ -175,8 +172,7 @@ TEST(Trust, ScrubbedSecretsAppearInNoExtractedByte)
             ++redactions;
     }
     EXPECT_EQ(redactions, 3u * (2 + 1 + 3));  // the file, its copy on stdout and on stderr
-    std::string file_member = "t/f/" + dir.file("data");
-    std::replace(file_member.begin() + 4, file_member.end(), '/', '@');
+    const std::string file_member = "t/f/" + qt::flat(dir.file("data"));
     ASSERT_NE(zip.find(file_member), nullptr);
     EXPECT_EQ(zip.find(file_member)->data.substr(0, 17), "[REDACTED:admin]\n");
     // Sizes and CRCs are the scrubbed data's: no reader flags anything.
@@ -196,14 +192,13 @@ TEST(Trust, ScrubbedSecretsAppearInNoExtractedByte)
 TEST(Trust, StrongerEncryptionReadByOpensslInFileAndDownloadMode)
 {
     qt::TempDir dir;
-    ASSERT_EQ(qt::run_program("/usr/bin/openssl", {"req", "-x509", "-newkey", "rsa:2048", "-nodes", "-subj", "/CN=support",
-                                                   "-keyout", dir.file("key.pem"), "-out", dir.file("cert.pem")}).status, 0);
+    ASSERT_TRUE(qt::make_certificate(dir));
     ASSERT_TRUE(qt::write_file(dir.file("q.conf"), "cmd i,-,y,n a /bin/echo hello\n"));
     const struct { std::vector<std::string> options, decrypt; } CASES[] = {
         {{"-e", "-P", "secret", "--pbkdf2"}, {"enc", "-d", "-aes-128-cbc", "-pbkdf2", "-iter", "100000", "-pass", "pass:secret"}},
         {{"-e", "-P", "secret", "--pbkdf2=2000"}, {"enc", "-d", "-aes-128-cbc", "-pbkdf2", "-iter", "2000", "-pass", "pass:secret"}},
-        {{"--recipient=cert.pem"}, {"cms", "-decrypt", "-binary", "-inform", "DER", "-recip", dir.file("cert.pem"),
-                                    "-inkey", dir.file("key.pem")}},
+        {{"--recipient=support.pem"}, {"cms", "-decrypt", "-binary", "-inform", "DER", "-recip", dir.file("support.pem"),
+                                       "-inkey", dir.file("support.key")}},
     };
     for (const auto &c : CASES) {
         for (const bool download : {false, true}) {

@@ -103,6 +103,19 @@ std::vector<std::string> split_lines(const std::string &text)
     return lines;
 }
 
+std::string flat(std::string path)
+{
+    std::replace(path.begin(), path.end(), '/', '@');
+    return path;
+}
+
+bool make_certificate(const TempDir &dir)
+{
+    return run_program("/usr/bin/openssl", {"req", "-x509", "-newkey", "rsa:2048", "-nodes", "-subj", "/CN=support",
+                                            "-keyout", dir.file("support.key"), "-out", dir.file("support.pem")})
+               .status == 0;
+}
+
 std::string read_file(const std::string &path)
 {
     std::ifstream in(path, std::ios::binary);

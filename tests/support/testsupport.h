@@ -38,6 +38,10 @@ bool write_file(const std::string &path, const std::string &content, unsigned mo
 std::string script(const TempDir &dir, const std::string &name, const std::string &body);
 std::string read_file(const std::string &path);
 std::vector<std::string> split_lines(const std::string &text);
+// A path as a member name's tail: every '/' an '@'.
+std::string flat(std::string path);
+// A self-signed certificate and its key, support.pem and support.key in dir.
+bool make_certificate(const TempDir &dir);
 bool file_exists(const std::string &path);
 
 // One child process: its argv, environment, standard input, extra inherited
