@@ -208,7 +208,9 @@ TEST(Commands, TimeOutsGroupsAndFloods)
     for (double t; stamps >> t;)
         at.push_back(t);
     ASSERT_EQ(at.size(), 4u);
-    EXPECT_TRUE(at[1] - at[0] > 2.8 && at[1] - at[0] < 4.8 && at[2] - at[1] > 2.8 && at[2] - at[1] < 4.8)
+    // An emulator starting the next command beside busy neighbours takes longer.
+    const double most = qt::emulated() ? 6.5 : 4.8;
+    EXPECT_TRUE(at[1] - at[0] > 2.8 && at[1] - at[0] < most && at[2] - at[1] > 2.8 && at[2] - at[1] < most)
         << at[1] - at[0] << " s, " << at[2] - at[1] << " s";
     EXPECT_LT(at[3] - at[2], 1.0) << "the child holding the pipes held up the run";
 
