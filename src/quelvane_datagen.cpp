@@ -611,8 +611,7 @@ int quelvane_execute_command(int out_fd, ConfigEntry *entry, ZipWriter *archive,
 
     if (quelvane_zip_stderr_member(entry, &err_member, index) != 0)
         return -1;
-    err_member.origin_kind = "command";
-    err_member.origin = entry->command;
+    err_member.command = entry->command;
 
     const char *program = entry->argv.empty() ? entry->path.c_str() : entry->argv[0].c_str();
     if (access(program, X_OK) != 0) {
@@ -630,8 +629,7 @@ int quelvane_execute_command(int out_fd, ConfigEntry *entry, ZipWriter *archive,
 
     if (quelvane_zip_stdout_member(entry, &out_member, index) != 0)
         return -1;
-    out_member.origin_kind = "command";
-    out_member.origin = entry->command;
+    out_member.command = entry->command;
 
     Pipe out_pipe;
     Pipe err_pipe;
@@ -920,10 +918,7 @@ int datagen_collect_file(int out_fd, ConfigEntry *entry, ZipWriter *archive)
     std::string error_text;
     int code = zip_init_file_member(entry, &file_member, &error_text);
     FileClose file_close{&file_member};
-    for (ZipMember *member : {&file_member, &err_member}) {
-        member->origin_kind = "file";
-        member->origin = entry->path;
-    }
+    err_member.source_path = entry->path;
     if (code != 0) {
         err_member.status = "error";
         err_member.error = error_text;
@@ -1131,8 +1126,6 @@ int datagen_write_config(int out_fd, ZipWriter *archive, const char *prefix, con
         zip_member_init(&member, MEMBER_FILE);
         member.name = top_member_name(prefix, "CONFIG");
         member.source_path = config_file;
-        member.origin_kind = "file";
-        member.origin = config_file;
         zip_member_from_stat(&member, st);
         // Unreadable although stat saw it: the run goes on without it.
         member.source_file = fopen(config_file, "r");
@@ -1194,14 +1187,17 @@ namespace {
 const char *const KIND_NAMES[] = {"cmd", "file", "log", "cut"};
 const char *const RESULT_NAMES[] = {"ok", "error", "timeout", "interrupted", "skipped"};
 
-// The entries the limits left out, one line each for the SKIPPED member,
-// and the same for the manifest.
-std::string skipped_lines;
+// The entries the limits left out, for the SKIPPED member and the manifest.
 struct Skipped {
-    std::string reason;
+    const char *reason;
     size_t number;
-    std::string kind;
+    const char *kind;
     std::string member;
+
+    std::string line() const
+    {
+        return std::string(reason) + " " + std::to_string(number) + " " + kind + " " + member + "\n";
+    }
 };
 std::vector<Skipped> skipped_entries;
 
@@ -1219,11 +1215,6 @@ std::string entry_member(const ConfigEntry *entry)
     if (entry->type == ENTRY_CMD || entry->type == ENTRY_CUT)
         return quelvane_config_output_name(entry, ".out", 0);
     return quelvane_config_path_name(entry, nullptr);
-}
-
-std::string skipped_line(const char *reason, size_t number, const ConfigEntry *entry, const std::string &member)
-{
-    return std::string(reason) + " " + std::to_string(number) + " " + KIND_NAMES[entry->type] + " " + member + "\n";
 }
 
 }  // namespace
@@ -1250,14 +1241,13 @@ int datagen_walk_entries(int out_fd, ConfigList *list, ZipWriter *archive, uint3
         if (zip_budget_active()) {
             size_t longest = 0;
             for (size_t i = selected.size(); i-- > 0;) {
-                reserve[i] = reserve[i + 1] + skipped_line("max-size", i + 1, selected[i], members[i]).size();
+                reserve[i] = reserve[i + 1] + Skipped{"max-size", i + 1, KIND_NAMES[selected[i]->type], members[i]}.line().size();
                 longest = std::max(longest, selected[i]->member_name.size());
             }
             for (size_t i = 0; i < selected.size(); ++i)
                 reserve[i] = zip_member_cost(longest + 8, reserve[i]);
         }
         stop_reason = nullptr;
-        skipped_lines.clear();
         skipped_entries.clear();
         progress_event("BEGIN %zu v%d\n", selected.size(), PROGRESS_PROTOCOL);
 
@@ -1271,10 +1261,12 @@ int datagen_walk_entries(int out_fd, ConfigList *list, ZipWriter *archive, uint3
                 gentle_pause();
             bool start = entry->type == ENTRY_CMD || entry->type == ENTRY_CUT ? may_start_command(archive, entry, 0)
                                                                               : may_start_file(archive, entry);
-            if (!start) {
+            auto leave_out = [&] {
                 skipped_entries.push_back({stop_reason, number, KIND_NAMES[entry->type], member});
-                skipped_lines += skipped_line(stop_reason, number, entry, member);
                 ++errors;
+            };
+            if (!start) {
+                leave_out();
                 progress_event("END %zu %s skipped 0 0 0\n", number, member.c_str());
                 continue;
             }
@@ -1291,10 +1283,7 @@ int datagen_walk_entries(int out_fd, ConfigList *list, ZipWriter *archive, uint3
             if (result == -2)
                 return -2;
             if (entry_result == RESULT_SKIPPED) {
-                // Partly collected: the rest of its matches or domains.
-                skipped_entries.push_back({stop_reason, number, KIND_NAMES[entry->type], member});
-                skipped_lines += skipped_line(stop_reason, number, entry, member);
-                ++errors;
+                leave_out();  // partly collected: the rest of its matches or domains
             }
             progress_event("END %zu %s %s %llu %llu %lld\n", number, member.c_str(), RESULT_NAMES[entry_result],
                            static_cast<unsigned long long>(zip_data_total() - in_before),
@@ -1313,15 +1302,18 @@ int datagen_write_skipped(int out_fd, ZipWriter *archive, const char *prefix)
 {
     if (out_fd < 0 || archive == nullptr || prefix == nullptr)
         return -1;
-    if (skipped_lines.empty())
+    if (skipped_entries.empty())
         return 0;
     try {
         ZipMember member;
         zip_member_init(&member, MEMBER_GENERATED);
         member.name = top_member_name(prefix, "SKIPPED");
         Bufchain text;
-        if (quelvane_bufchain_add(&text, skipped_lines.data(), static_cast<int>(skipped_lines.size())) != 0)
-            return -1;
+        for (const Skipped &entry : skipped_entries) {
+            const std::string line = entry.line();
+            if (quelvane_bufchain_add(&text, line.data(), static_cast<int>(line.size())) != 0)
+                return -1;
+        }
         // Its room was held all along; nothing else is left to hold it for.
         zip_budget_hold(0);
         return write_chain_member(out_fd, &text, &member, archive) == 0 ? 0 : -2;
@@ -1353,11 +1345,13 @@ nlohmann::ordered_json describe(const ZipMember &member)
     result["cut"] = member.cut;
     char crc_text[16];
     snprintf(crc_text, sizeof crc_text, "%08x", member.crc32);
-    nlohmann::ordered_json made = {{"kind", member.origin_kind}};
-    if (member.origin_kind == "command")
-        made["command"] = member.origin;
-    else if (member.origin_kind == "file")
-        made["path"] = member.origin;
+    nlohmann::ordered_json made;
+    if (!member.command.empty())
+        made = {{"kind", "command"}, {"command", member.command}};
+    else if (!member.source_path.empty())
+        made = {{"kind", "file"}, {"path", member.source_path}};
+    else
+        made = {{"kind", "generated"}};
     return {{"name", member.name},
             {"made_by", made},
             {"result", result},
@@ -1372,18 +1366,9 @@ nlohmann::ordered_json describe(const ZipMember &member)
 // Deflates text into the member as one more piece of it.
 int add_text(int out_fd, ZipMember *member, ZipWriter *archive, const std::string &text, int flush)
 {
-    for (size_t at = 0; at < text.size() || (at == 0 && flush == Z_FINISH);) {
-        const size_t piece = std::min<size_t>(text.size() - at, 32768);
-        const bool last = at + piece >= text.size();
-        int result = zip_deflate_chunk(member, out_fd, text.data() + at, static_cast<unsigned>(piece),
-                                       last ? flush : Z_NO_FLUSH, &archive->total_written);
-        if (result != Z_OK && result != Z_STREAM_END)
-            return -1;
-        at += piece;
-        if (last)
-            break;
-    }
-    return 0;
+    int result = zip_deflate_chunk(member, out_fd, text.data(), static_cast<unsigned>(text.size()), flush,
+                                   &archive->total_written);
+    return result == Z_OK || result == Z_STREAM_END ? 0 : -1;
 }
 
 }  // namespace

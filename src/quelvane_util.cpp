@@ -461,8 +461,6 @@ int progress_channel_open(int fd)
     return 0;
 }
 
-bool progress_channel_active() { return progress_fd >= 0; }
-
 void progress_event(const char *format, ...)
 {
     if (progress_fd < 0)

@@ -61,7 +61,6 @@ int get_injected_spswdown();
 // goes out as "LOST n" before the next line that fits.
 constexpr int PROGRESS_PROTOCOL = 1;
 int progress_channel_open(int fd);  // 0, or -1 when fd is not open
-bool progress_channel_active();
 void progress_event(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
 // The run's deadline (--deadline), on the monotonic clock.

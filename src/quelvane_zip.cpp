@@ -337,8 +337,10 @@ int quelvane_z_output_local_file_header(int out_fd, ZipMember *member, uint64_t 
         if (!member_digest || !EVP_DigestInit_ex(member_digest.get(), EVP_sha256(), nullptr))
             return -1;
     }
-    member->started_ms = milliseconds(CLOCK_REALTIME);
-    clock_gettime(CLOCK_MONOTONIC, &member_started);
+    if (hash_members) {
+        member->started_ms = milliseconds(CLOCK_REALTIME);
+        clock_gettime(CLOCK_MONOTONIC, &member_started);
+    }
 
     // A collected file always keeps its recorded time, so a file stamped 0
     // reads as 1 January 1980; only generated members take "now" for 0.
@@ -379,12 +381,13 @@ int zip_finish_member(int out_fd, ZipMember *member, uint64_t *total_written)
     // that it stays valid.
     if ((member->budget_cut || scrub_active()) && member->kind == MEMBER_FILE)
         member->uncompressed_size = static_cast<uint32_t>(member->data_in);
-    if (hash_members && member_digest)
+    if (hash_members && member_digest) {
         EVP_DigestFinal_ex(member_digest.get(), member->sha256, nullptr);
-    struct timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    member->duration_ms = (now.tv_sec - member_started.tv_sec) * 1000LL +
-                          (now.tv_nsec - member_started.tv_nsec) / 1000000;
+        struct timespec now;
+        clock_gettime(CLOCK_MONOTONIC, &now);
+        member->duration_ms = (now.tv_sec - member_started.tv_sec) * 1000LL +
+                              (now.tv_nsec - member_started.tv_nsec) / 1000000;
+    }
     // Sizes always fit 32 bits: data stops at ZIP_MEMBER_LIMIT.
     Record descriptor;
     descriptor.u32(DESCRIPTOR_SIGNATURE)                              // data descriptor signature

@@ -45,10 +45,10 @@ struct ZipMember {
     uint64_t data_in = 0;  // bytes handed to the deflate stream
     bool cut = false;      // data stopped at ZIP_MEMBER_LIMIT or at the budget
     bool budget_cut = false;  // data stopped at the archive's budget
-    // For the manifest: what made the member and how that went, the SHA-256
-    // of its data, when it began (ms since the epoch) and how long it took.
-    std::string origin_kind = "generated";  // "command", "file" or "generated"
-    std::string origin;                     // the command line or the source path
+    // For the manifest: the command line that made it (with source_path, a
+    // file's path), how that went, the SHA-256 of its data, when it began
+    // (ms since the epoch) and how long it took; timed only for the manifest.
+    std::string command;
     std::string status = "ok";              // ok, exit, timeout, interrupted, missing, error
     int exit_status = 0;                    // with "exit"
     std::string error;                      // with "error": the errno text
