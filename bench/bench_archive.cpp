@@ -22,10 +22,9 @@
 #include <vector>
 #include <zlib.h>
 
-#include "quelvane_datagen.h"
-#include "quelvane_util.h"
-#include "quelvane_zip.h"
+#include "file_collector.h"
 #include "testsupport.h"
+#include "zip_writer.h"
 
 namespace {
 
@@ -94,61 +93,58 @@ struct Run {
     uint64_t compressed = 0;
 };
 
-void restart_stream(int level_zero)
-{
-    zip_deflate_end();
-    no_compression = level_zero;
-    if (zip_deflate_start() != 0) {
-        fprintf(stderr, "cannot start the deflate stream\n");
-        exit(2);
+// The tool's writer on /dev/null at a level, as a run sets it up.
+struct Writer {
+    explicit Writer(int level) : out(open("/dev/null", O_WRONLY)), zip(sink, scrub, level, false)
+    {
+        sink.attach(out, true);
+        if (zip.stream().start_stream() != Z_OK) {
+            fprintf(stderr, "cannot start the deflate stream\n");
+            exit(2);
+        }
     }
-}
+    int out;
+    Sink sink;
+    Scrubber scrub;
+    ZipWriter zip;
+};
 
 // The writer's own path: local header, chunks, data descriptor.
-Run writer_from_memory(const std::string &data, int out_fd)
+Run writer_from_memory(const std::string &data, Writer &writer)
 {
     ZipMember member;
-    zip_member_init(&member, MEMBER_GENERATED);
     member.name = "bench/memory.log";
-    uint64_t total = 0;
     double start = seconds_now();
-    quelvane_z_output_local_file_header(out_fd, &member, &total);
+    writer.zip.begin_member(member);
     for (size_t at = 0; at < data.size(); at += PIECE) {
         size_t count = std::min(PIECE, data.size() - at);
         int flush = at + count == data.size() ? Z_FINISH : Z_NO_FLUSH;
-        if (zip_deflate_chunk(&member, out_fd, data.data() + at, static_cast<unsigned>(count), flush,
-                              &total) < 0)
+        if (writer.zip.stream().chunk(member, data.data() + at, static_cast<unsigned>(count), flush) < 0)
             exit(2);
     }
-    zip_finish_member(out_fd, &member, &total);
-    Run run{seconds_now() - start, member.crc32, member.compressed_size};
-    zip_member_list_free();
-    return run;
+    writer.zip.finish_member(member);
+    return {seconds_now() - start, member.crc32, member.compressed_size};
 }
 
-Run writer_from_file(const std::string &path, int out_fd)
+Run writer_from_file(const std::string &path, Writer &writer)
 {
     struct stat status;
     stat(path.c_str(), &status);
     ZipMember member;
-    zip_member_init(&member, MEMBER_FILE);
     member.name = "bench/file.log";
-    member.source_path = path;
-    member.uncompressed_size = static_cast<uint32_t>(status.st_size);
-    member.dos_datetime = static_cast<uint32_t>(status.st_mtime);
-    uint64_t total = 0;
+    member.kind = MEMBER_FILE;
+    member_from_stat(&member, status.st_size, status.st_mtime);
     int error = 0;
     double start = seconds_now();
-    if (zip_open_member_file(&member) != 0)
+    const int fd = open_regular_file(path);
+    if (fd == -1)
         exit(2);
-    quelvane_z_output_local_file_header(out_fd, &member, &total);
-    if (zip_deflate_file(out_fd, &member, &total, &error) != 0)
+    writer.zip.begin_member(member);
+    if (writer.zip.stream().from_file(member, fd, &error) != 0)
         exit(2);
-    zip_finish_member(out_fd, &member, &total);
-    zip_close_member_file(&member);
-    Run run{seconds_now() - start, member.crc32, member.compressed_size};
-    zip_member_list_free();
-    return run;
+    writer.zip.finish_member(member);
+    close(fd);
+    return {seconds_now() - start, member.crc32, member.compressed_size};
 }
 
 // The reference: zlib alone, same parameters, same pieces, same output.
@@ -234,7 +230,7 @@ void verdict(bool pass, const char *what)
 // Best of a few interleaved rounds, so that load from elsewhere on the
 // machine falls on both sides alike.
 template <typename Ours, typename Bare>
-void compare(const char *label, size_t bytes, int rounds, Ours ours, Bare bare)
+void compare_rounds(const char *label, size_t bytes, int rounds, Ours ours, Bare bare)
 {
     Run best_ours, best_bare;
     best_ours.seconds = best_bare.seconds = 1e9;
@@ -291,25 +287,22 @@ long member_peak_rss_kb(uint64_t size)
             _exit(0);
         }
         close(data[1]);
-        int out = open("/dev/null", O_WRONLY);
+        Writer output(Z_DEFAULT_COMPRESSION);
         ZipMember member;
-        zip_member_init(&member, MEMBER_GENERATED);
         member.name = "bench/stream.out";
-        uint64_t total = 0;
-        if (zip_deflate_start() != 0 ||
-            quelvane_z_output_local_file_header(out, &member, &total) != 0)
+        if (output.zip.begin_member(member) != 0)
             _exit(2);
         for (;;) {
             pollfd slot{data[0], POLLIN, 0};
             if (poll(&slot, 1, -1) < 0 && errno != EINTR)
                 _exit(2);
             bool ended = (slot.revents & (POLLIN | POLLHUP)) == POLLHUP;
-            if (zip_deflate_fd(out, &member, data[0], ended ? Z_FINISH : Z_NO_FLUSH, &total) != 0)
+            if (output.zip.stream().from_fd(member, data[0], ended ? Z_FINISH : Z_NO_FLUSH) != 0)
                 _exit(2);
             if (ended)
                 break;
         }
-        if (zip_finish_member(out, &member, &total) != 0 || member.uncompressed_size != (size & 0xffffffffu))
+        if (output.zip.finish_member(member) != 0 || member.uncompressed_size != (size & 0xffffffffu))
             _exit(3);
         waitpid(writer, nullptr, 0);
         rusage usage;
@@ -367,16 +360,15 @@ int main()
     }
 
     for (int level_zero : {0, 1}) {
-        restart_stream(level_zero);
+        Writer writer(level_of(level_zero));
         std::string memory_label = std::string("memory, ") + (level_zero ? "level 0 (-C)" : "default level");
         std::string file_label = std::string("file, ") + (level_zero ? "level 0 (-C)" : "default level");
         int rounds = level_zero ? STORED_ROUNDS : ROUNDS;
-        compare(memory_label.c_str(), data.size(), rounds, [&] { return writer_from_memory(data, out); },
+        compare_rounds(memory_label.c_str(), data.size(), rounds, [&] { return writer_from_memory(data, writer); },
                 [&] { return bare_from_memory(data, level_zero, out); });
-        compare(file_label.c_str(), FILE_BYTES, rounds, [&] { return writer_from_file(path, out); },
+        compare_rounds(file_label.c_str(), FILE_BYTES, rounds, [&] { return writer_from_file(path, writer); },
                 [&] { return bare_from_file(path, level_zero, out); });
     }
-    restart_stream(0);
     close(out);
     printf("archive output benchmark: %s (%.0f s)\n", failures ? "FAIL" : "PASS", wall_now() - start);
     return failures ? 1 : 0;

@@ -1,5 +1,6 @@
 // Whole runs: members, names, order, contents, console lines and error counts in every
-// output mode; dataset selection; commands past their time-out or flooding; interrupts.
+// output mode; configurations with bad lines or owners; dataset selection; commands past
+// their time-out or flooding; interrupts; nothing held back from a download.
 #include <gtest/gtest.h>
 
 #include <signal.h>
@@ -8,8 +9,6 @@
 #include <utime.h>
 
 #include <algorithm>
-#include <ctime>
-#include <set>
 #include <sstream>
 
 #include "testsupport.h"
@@ -18,55 +17,37 @@ namespace {
 
 using Members = std::vector<std::pair<std::string, std::string>>;  // name, contents
 
-struct Collected {
-    qt::RunResult run;
-    std::string path;  // the archive, also when it came on standard output
-    qt::ZipArchive zip;
-};
-
-// quelvane -f q.conf -a t.zip -o out args: every member name begins "t/".
-Collected collect(const qt::TempDir &dir, const std::string &config, const std::string &out,
-                  const std::vector<std::string> &args, const qt::RunSpec &job = qt::RunSpec())
+std::string readme(const std::string &letters = "i", bool down = false, bool log_only = false)
 {
-    Collected c;
-    EXPECT_TRUE(qt::write_file(dir.file("q.conf"), config));
-    c.path = dir.file(out == "-" ? "stdout.zip" : out);
-    std::vector<std::string> all = {"-f", "q.conf", "-a", "t.zip", "-o", out == "-" ? out : c.path};
-    all.insert(all.end(), args.begin(), args.end());
-    c.run = qt::run_quelvane(dir, all, job);
-    EXPECT_TRUE(out != "-" || qt::write_file(c.path, c.run.out));
-    c.zip = qt::read_zip(qt::read_file(c.path));
-    return c;
+    return "Archive Name: t.zip\nConfig File: q.conf\nVersion: " QUELVANE_VERSION "\nLOG-ONLY MODE: " +
+           std::string(log_only ? "yes" : "no") + "\nLog Sets: " + letters + "\nSP SW DOWN: " + (down ? "yes" : "no") +
+           "\nMax Domains: 1\n";
 }
 
-// README, CONFIG, then exactly these members in order, whole for our reader and the
-// real ones; a collected file's ".err" (flagged) declares size 0 and 1 January 1980.
-void expect_members(const Collected &c, const std::string &config, const Members &rest,
-                    const std::set<std::string> &flagged = {}, const std::string &letters = "i", bool down = false)
+// README, CONFIG, then exactly these members in order, read alike by every reader; a
+// collected file's ".err" (flagged) declares 1 January 1980.
+void expect_members(const qt::Collection &c, const qt::Collect &asked, const Members &rest, const std::string &readme_text = readme())
 {
-    Members members = {{"t/README", "Archive Name: t.zip\nConfig File: q.conf\nVersion: 1.1\nLOG-ONLY MODE: no\n"
-                                    "Log Sets: " + letters + "\nSP SW DOWN: " + (down ? "yes" : "no") +
-                                    "\nMax Domains: 1\n"}, {"t/CONFIG", config}};
+    Members members = {{"t/README", readme_text}, {"t/CONFIG", asked.config}};
     members.insert(members.end(), rest.begin(), rest.end());
-    ASSERT_EQ(c.zip.entries.size(), members.size()) << testing::PrintToString(c.zip.names()) << c.zip.error;
+    EXPECT_EQ(c.zip.problems, "");
+    ASSERT_EQ(c.zip.names().size(), members.size()) << testing::PrintToString(c.zip.names());
     for (size_t i = 0; i < members.size(); ++i) {
-        const qt::ZipEntry &entry = c.zip.entries[i];
-        EXPECT_EQ(entry.name, members[i].first);
-        EXPECT_TRUE(entry.data == members[i].second) << entry.name << ": " << entry.data.substr(0, 300);
-        EXPECT_TRUE(flagged.count(entry.name) == 0 || entry.dos_datetime == 0x00210000u) << entry.name;
+        const qt::Member &m = c.zip.members[i];
+        EXPECT_EQ(m.name, members[i].first);
+        EXPECT_TRUE(m.data == members[i].second) << m.name << ": " << m.data.substr(0, 300);
+        EXPECT_TRUE(asked.flagged.count(m.name) == 0 || m.dos_datetime == 0x00210000u) << m.name;
     }
-    EXPECT_EQ(c.zip.error, "");
-    EXPECT_EQ(qt::check_real_readers(c.path, flagged), "");
 }
 
 // Whether the process in the pid file still runs (a zombie does not); killed either way.
 bool running(const std::string &pid_file)
 {
-    pid_t pid = atoi(qt::read_file(pid_file).c_str());
-    std::string stat = pid > 0 ? qt::read_file("/proc/" + std::to_string(pid) + "/stat") : "";
+    const pid_t pid = atoi(qt::read_file(pid_file).c_str());
+    const std::string stat = pid > 0 ? qt::read_file("/proc/" + std::to_string(pid) + "/stat") : "";
     if (pid > 0)
         kill(pid, SIGKILL);
-    size_t state = stat.rfind(')') + 2;
+    const size_t state = stat.rfind(')') + 2;
     return state < stat.size() && stat[state] != 'Z';
 }
 
@@ -75,10 +56,10 @@ bool running(const std::string &pid_file)
 TEST(Collect, MixedConfigurationInEveryOutputMode)
 {
     qt::TempDir dir;
-    std::string ifc = qt::script(dir, "ifc", "echo \"interface $1\"\n");
-    std::string one = qt::script(dir, "one", "echo partial; echo 'went wrong' >&2; exit 1\n");
-    std::string missing = dir.file("not-installed"), hosts = dir.file("hosts"), adir = dir.file("adir");
-    std::string a = dir.file("logs/a.log"), b = dir.file("logs/b.log"), gone = dir.file("links/gone.log");
+    const std::string ifc = qt::script(dir, "ifc", "echo \"interface $1\"\n");
+    const std::string one = qt::script(dir, "one", "echo partial; echo 'went wrong' >&2; exit 1\n");
+    const std::string missing = dir.file("not-installed"), hosts = dir.file("hosts"), adir = dir.file("adir");
+    const std::string a = dir.file("logs/a.log"), b = dir.file("logs/b.log"), gone = dir.file("links/gone.log");
     for (const char *sub : {"adir", "logs", "links"})
         ASSERT_EQ(mkdir(dir.file(sub).c_str(), 0755), 0);
     ASSERT_TRUE(qt::write_file(hosts, "127.0.0.1 localhost\n") && qt::write_file(b, "second\n") &&
@@ -88,54 +69,93 @@ TEST(Collect, MixedConfigurationInEveryOutputMode)
     struct utimbuf times = {when, when};
     struct tm t;
     ASSERT_TRUE(utime(hosts.c_str(), &times) == 0 && localtime_r(&when, &t) != nullptr);
-    const uint32_t dos_when = static_cast<uint32_t>((t.tm_year - 80) << 25 | (t.tm_mon + 1) << 21 |
-                                                    t.tm_mday << 16 | t.tm_hour << 11 | t.tm_min << 5 | t.tm_sec / 2);
-    const std::string config = "# commands, files, patterns\ncut i,-,y,n system/ifconfig " + ifc + " eth%d\n" +
-                               "file i,-,y,y etc " + hosts + "\n\nlog i,-,y,n logs " + dir.file("logs/*.log") +
-                               "\nlog i,-,y,n none " + dir.file("nothing/*.log") + "\ncmd i,-,y,n one " + one +
-                               "\ncmd i,-,y,n missing " + missing + " --flag\nfile i,-,y,y dir " + adir +
-                               "\nlog i,-,y,n links " + dir.file("links/*.log") + "\nfile i,-,y,y mem /proc/self/mem\n";
+    const uint32_t dos_when = static_cast<uint32_t>((t.tm_year - 80) << 25 | (t.tm_mon + 1) << 21 | t.tm_mday << 16 |
+                                                    t.tm_hour << 11 | t.tm_min << 5 | t.tm_sec / 2);
+    qt::Collect asked;
+    asked.config = "# commands, files, patterns\ncut i,-,y,n system/ifconfig " + ifc + " eth%d\nfile i,-,y,y etc " +
+                   hosts + "\n\nlog i,-,y,n logs " + dir.file("logs/*.log") + "\nlog i,-,y,n none " +
+                   dir.file("nothing/*.log") + "\ncmd i,-,y,n one " + one + "\ncmd i,-,y,n missing " + missing +
+                   " --flag\nfile i,-,y,y dir " + adir + "\nlog i,-,y,n links " + dir.file("links/*.log") +
+                   "\nfile i,-,y,y mem /proc/self/mem\n";
     const Members members = {
         {"t/system/ifconfig/" + qt::flat(ifc) + "_eth0.out", "interface eth0\n"},
         {"t/etc/" + qt::flat(hosts), "127.0.0.1 localhost\n"},
         {"t/logs/" + qt::flat(a), "first\n"}, {"t/logs/" + qt::flat(b), "second\n"},
         {"t/one/" + qt::flat(one) + ".out", "partial\n"},
         {"t/one/" + qt::flat(one) + ".err", "went wrong\nQUELVANE MSG: Child exited with 1: Operation not permitted\n"},
-        {"t/missing/" + qt::flat(missing) + "_--flag.err",
-         "QUELVANE MSG: " + missing + " does not exist on this platform\n"},
+        {"t/missing/" + qt::flat(missing) + "_--flag.err", "QUELVANE MSG: " + missing + " does not exist on this platform\n"},
         {"t/dir/" + qt::flat(adir) + ".err", "Error for file: " + adir + ": Not a file\n"},
         {"t/links/" + qt::flat(gone) + ".err", "Error for file: " + gone + ": No such file\n"},
         {"t/mem/@proc@self@mem", ""},
         {"t/mem/@proc@self@mem.err", "Unable to read file: /proc/self/mem: Input/output error\n"}};
-    const std::set<std::string> flagged = {members[7].first, members[8].first, members[10].first};
+    asked.flagged = {members[7].first, members[8].first, members[10].first};
     // The missing program and the unreadable file count; exit 1, the directory and the vanished match do not.
     const std::string progress =
         "Sending README File\nSending CONFIG File\nStarting Command: " + ifc + " eth0\nCommand '" + ifc +
         "' exited normally\nCollecting file: " + hosts + " - Status: ok\nCollecting file: " + a +
         " - Status: ok\nCollecting file: " + b + " - Status: ok\nStarting Command: " + one + "\nCommand '" + one +
-        "' exited with 1: Operation not permitted\nStarting Command: " + missing + " --flag\nCollecting file: " +
-        adir + " - Status: No file status\nError for file: " + adir + ": Not a file\nCollecting file: " + gone +
+        "' exited with 1: Operation not permitted\nStarting Command: " + missing + " --flag\nCollecting file: " + adir +
+        " - Status: No file status\nError for file: " + adir + ": Not a file\nCollecting file: " + gone +
         " - Status: No file status\nError for file: " + gone + ": No such file\nCollecting file: /proc/self/mem"
         " - Status: FAIL\n - Status: FAIL reading file, errno=5\nCompleting ZIP archive\n";
-    const std::string finished = "Finished with 2 collection errors\n";
-    const std::pair<std::string, bool> modes[] = {{"f.zip", false}, {"e.zip", true}, {"-", false}, {"-", true}};
-    for (const auto &[out, encrypted] : modes) {
-        SCOPED_TRACE(out + (encrypted ? " encrypted" : ""));
-        std::vector<std::string> args = {"-v", "-L", "i", "-e", "-P", "pass word"};
-        Collected c = collect(dir, config, out, {args.begin(), args.begin() + (encrypted ? 6 : 3)});
-        EXPECT_EQ(c.run.status, 0);
-        EXPECT_EQ(out == "-" ? c.run.err : c.run.out + c.run.err,
-                  out == "-" ? progress + finished
-                             : (encrypted ? "Output data will be encrypted.\n" : std::string()) +
-                                   "Collecting data into " + c.path + "\n" + progress + "Data collection complete\n" +
-                                   finished);
-        if (encrypted) {
-            ASSERT_EQ(qt::read_file(c.path).substr(0, 8), "Salted__");
-            ASSERT_EQ(qt::openssl_decrypt(c.path, "pass word", dir.file("plain.zip")), "");
-            c.zip = qt::read_zip(qt::read_file(c.path = dir.file("plain.zip")));
+    for (const std::string out : {"f.zip", "-"}) {
+        for (const bool encrypted : {false, true}) {
+            SCOPED_TRACE(out + (encrypted ? " encrypted" : ""));
+            asked.out = out;
+            asked.password = encrypted ? "pass word" : "";
+            asked.args = {"-v", "-L", "i"};
+            if (encrypted)
+                asked.args.insert(asked.args.end(), {"-e", "-P", "pass word"});
+            const qt::Collection c = qt::collect(dir, asked);
+            EXPECT_EQ(c.run.status, 0);
+            const std::string console = out == "-" ? "" : std::string(encrypted ? "Output data will be encrypted.\n" : "") +
+                                                              "Collecting data into " + out + "\n";
+            EXPECT_EQ(out == "-" ? c.run.err : c.run.out + c.run.err,
+                      console + progress + (out == "-" ? "" : "Data collection complete\n") +
+                          "Finished with 2 collection errors\n");
+            expect_members(c, asked, members);
+            EXPECT_TRUE(c.zip.members.size() > 3 && c.zip.members[3].dos_datetime == dos_when);
         }
-        expect_members(c, config, members, flagged);
-        EXPECT_TRUE(c.zip.entries.size() > 3 && c.zip.entries[3].dos_datetime == dos_when);
+    }
+}
+
+// Rejected lines are reported with their numbers and skipped, the run goes on; -l drops
+// commands and files unchecked. A configuration others may change is refused.
+TEST(Collect, ConfigurationLinesAndOwners)
+{
+    const std::vector<std::string> lines = {
+        "CMD i,-,y,n n /bin/true", "cmd i,-,Y,n n /bin/true", "cmd i,0x10,y,n hex /bin/true", "file i,-,y,n n etc/hosts",
+        "cmd i,-,y,n n", "  # a comment", "", "cmd i,-,y,n dom /bin/echo x%d", "cmd garbage", "log garbage"};
+    qt::Collect asked;
+    for (const std::string &line : lines)
+        asked.config += line + "\n";
+    auto reported = [&](std::initializer_list<int> numbers) {
+        std::string text;
+        for (int n : numbers)
+            text += "Error on line q.conf:" + std::to_string(n) + ": " + lines[n - 1] + "\n";
+        return text;
+    };
+    for (const bool log_only : {false, true}) {
+        qt::TempDir dir;
+        asked.args = {"-L", "i"};
+        if (log_only)
+            asked.args.push_back("-l");
+        const qt::Collection c = qt::collect(dir, asked);
+        EXPECT_EQ(c.run.status, 0);
+        EXPECT_EQ(c.run.err, log_only ? reported({10}) : reported({2, 4, 5, 9, 10}));
+        expect_members(c, asked, log_only ? Members{} : Members{{"t/n/@bin@true.out", ""}, {"t/hex/@bin@true.out", ""},
+                                                               {"t/dom/@bin@echo_x0.out", "x0\n"}},
+                       readme("i", false, log_only));
+    }
+    qt::TempDir dir;
+    const struct { unsigned mode; uid_t owner; std::string why; } refusals[] = {
+        {0666, 0, "is writable by other users"}, {0600, 12345, "belongs to user 12345, neither root nor the caller"}};
+    for (const auto &r : refusals) {
+        asked.job.in_child = [&] { chmod("q.conf", r.mode), chown("q.conf", r.owner, 0); };
+        const qt::Collection c = qt::collect(dir, asked);
+        EXPECT_EQ(c.run.status, 6);
+        EXPECT_EQ(c.run.err, "Config file q.conf " + r.why + "; refusing to run it\nError reading config file: q.conf\n");
+        EXPECT_FALSE(qt::file_exists(dir.file("out.zip")));
     }
 }
 
@@ -143,34 +163,32 @@ TEST(Collect, MixedConfigurationInEveryOutputMode)
 // software reported down, entries marked "n" are skipped.
 TEST(Collect, DatasetSelection)
 {
-    const std::string config = "cmd a,-,y,n a /bin/echo a\ncmd b,-,n,n b /bin/echo b\ncmd ab,-,y,n ab /bin/echo ab\n"
-                               "cmd A,-,y,n all /bin/echo all\nfile z,-,n,y z /etc/hostname\n";
+    qt::Collect asked;
+    asked.config = "cmd a,-,y,n a /bin/echo a\ncmd b,-,n,n b /bin/echo b\ncmd ab,-,y,n ab /bin/echo ab\n"
+                   "cmd A,-,y,n all /bin/echo all\nfile z,-,n,y z /etc/hostname\n";
     const Members::value_type a = {"t/a/@bin@echo_a.out", "a\n"}, b = {"t/b/@bin@echo_b.out", "b\n"},
                               ab = {"t/ab/@bin@echo_ab.out", "ab\n"}, all = {"t/all/@bin@echo_all.out", "all\n"},
                               z = {"t/z/@etc@hostname", qt::read_file("/etc/hostname")};
-    const struct { std::vector<std::string> args; std::string letters; bool down; Members members; } cases[] = {
-        {{"-L", "a"}, "a", false, {a, ab, all}},     {{"-L", "b"}, "b", false, {b, ab, all}},
-        {{"-L", "ab"}, "ab", false, {a, b, ab, all}}, {{"-L", "A"}, "A", false, {a, b, ab, all, z}},
-        {{"-L", "Z"}, "Z", false, {all, z}},          {{"-L", "c"}, "c", false, {all}},
-        {{}, "i", false, {}},                         {{"-L", "A"}, "A", true, {a, ab, all}},
-    };
+    const struct { std::string letters; bool down; Members members; } cases[] = {
+        {"a", false, {a, ab, all}}, {"b", false, {b, ab, all}}, {"ab", false, {a, b, ab, all}},
+        {"A", false, {a, b, ab, all, z}}, {"Z", false, {all, z}}, {"c", false, {all}}, {"", false, {}},
+        {"A", true, {a, ab, all}}};
     for (const auto &test : cases) {
         SCOPED_TRACE(test.letters + (test.down ? " down" : ""));
         qt::TempDir dir;
-        qt::RunSpec job;
-        if (test.down)
-            job.env = {"QUELVANE_INJECT_SPSWDOWN=1"};
-        Collected c = collect(dir, config, "out.zip", test.args, job);
+        asked.args = test.letters.empty() ? std::vector<std::string>{} : std::vector<std::string>{"-L", test.letters};
+        asked.job.env = test.down ? std::vector<std::string>{"QUELVANE_INJECT_SPSWDOWN=1"} : std::vector<std::string>{};
+        const qt::Collection c = qt::collect(dir, asked);
         EXPECT_EQ(c.run.status, 0);
         EXPECT_EQ(c.run.err, test.down ? "Injected SPSWDOWN: 1\n" : "");
-        expect_members(c, config, test.members, {}, test.letters, test.down);
+        expect_members(c, asked, test.members, readme(test.letters.empty() ? "i" : test.letters, test.down));
     }
 }
 
 // One run, time-outs of 1 s: a command pouring out zeros past its time-out with a
 // background sleep in its group, one ignoring SIGTERM, one leaving a child on its pipes;
-// then 400 KB on standard error and 100 MB (20 MB emulated) on standard output, in flat memory. Standard
-// error past the cap keeps our own lines after it (time-out, exit) and no more.
+// then 400 KB on standard error and 100 MB (20 MB emulated) on standard output, in flat
+// memory. Standard error past the cap keeps our own lines after it and no more.
 TEST(Commands, TimeOutsGroupsAndFloods)
 {
     qt::TempDir dir;
@@ -178,31 +196,30 @@ TEST(Commands, TimeOutsGroupsAndFloods)
     const std::string past_cap = "head -c 300000 /dev/zero | tr '\\0' ";  // then a letter, then >&2
     qt::script(dir, "slow", stamp + "sleep 30 &\necho $! > " + dir.file("sleep.pid") + "\n" + past_cap + "n >&2\ncat /dev/zero\n");
     qt::script(dir, "deaf", stamp + "trap '' TERM\necho $$ > " + dir.file("deaf.pid") + "\nwhile :; do sleep 0.2; done\n");
-    qt::script(dir, "leaves", stamp + "sleep 30 &\necho $! > " + dir.file("child.pid") +
-                              "\necho started; " + past_cap + "w >&2; exit 3\n");
+    qt::script(dir, "leaves", stamp + "sleep 30 &\necho $! > " + dir.file("child.pid") + "\necho started; " + past_cap +
+                                  "w >&2; exit 3\n");
     qt::script(dir, "flood", stamp + "head -c 409600 /dev/urandom > " + noise + "\ndd if=" + noise +
-                             " bs=1024 status=none >&2\nseq 1 20000000 | head -c $1\n");  // the cap met exactly
-    // 100 MB of output; 20 MB under an emulator, where deflate runs some twenty times slower.
+                                 " bs=1024 status=none >&2\nseq 1 20000000 | head -c $1\n");  // the cap met exactly
+    // Deflate runs some twenty times slower under an emulator.
     const std::string flood = qt::emulated() ? "20971520" : "104857600";
-    std::string config, console = "Collecting data into " + dir.file("out.zip") + "\nSending README File\n"
-                                  "Sending CONFIG File\n";
+    qt::Collect asked;
+    asked.args = {"-v", "-L", "i"};
+    std::string console = "Collecting data into out.zip\nSending README File\nSending CONFIG File\n";
     for (std::string name : {"slow", "deaf", "leaves", "flood"}) {
         const std::string arg = name == "flood" ? " " + flood : "";
-        config += "cmd i," + std::string(arg.empty() ? "1" : "60") + ",y,n " + name + " " + dir.file(name) + arg +
-                  "\n";
+        asked.config += "cmd i," + std::string(arg.empty() ? "1" : "60") + ",y,n " + name + " " + dir.file(name) + arg + "\n";
         console += "Starting Command: " + dir.file(name) + arg + "\nCommand '" + dir.file(name) +
                    (name == "slow" || name == "deaf" ? "' timed out\n"
                     : name == "leaves"                  ? "' exited with 3: No such process\n"
                                                         : "' exited normally\n");
     }
-    Collected c = collect(dir, config, "out.zip", {"-v", "-L", "i"});
+    const qt::Collection c = qt::collect(dir, asked);
     const bool sleep_runs = running(dir.file("sleep.pid")), deaf_runs = running(dir.file("deaf.pid"));
     running(dir.file("child.pid"));
     EXPECT_FALSE(sleep_runs) << "the background sleep outlived its group";
     EXPECT_TRUE(deaf_runs) << "never SIGKILL: the command ignoring SIGTERM stays";
     EXPECT_EQ(c.run.status, 0);
-    EXPECT_EQ(c.run.out + c.run.err,
-              console + "Completing ZIP archive\nData collection complete\nFinished with 2 collection errors\n");
+    EXPECT_EQ(c.run.out + c.run.err, console + "Completing ZIP archive\nData collection complete\nFinished with 2 collection errors\n");
     std::vector<double> at;  // each command's start: time-out, 2 s grace, then the next
     std::istringstream stamps(qt::read_file(dir.file("stamps")));
     for (double t; stamps >> t;)
@@ -213,23 +230,20 @@ TEST(Commands, TimeOutsGroupsAndFloods)
     EXPECT_TRUE(at[1] - at[0] > 2.8 && at[1] - at[0] < most && at[2] - at[1] > 2.8 && at[2] - at[1] < most)
         << at[1] - at[0] << " s, " << at[2] - at[1] << " s";
     EXPECT_LT(at[3] - at[2], 1.0) << "the child holding the pipes held up the run";
-
     const std::string term = "QUELVANE MSG: Command Timeout: Exit Signal: 15\n", written = qt::read_file(noise);
     ASSERT_EQ(written.size(), 409600u);
-    auto named = [&](std::string name, const char *tail) { return "t/" + name + "/" + qt::flat(dir.file(name)) + tail; };
-    const qt::ZipEntry *zeros = c.zip.find(named("slow", ".out"));
-    expect_members(c, config, {
+    auto named = [&](std::string name, std::string tail) { return "t/" + name + "/" + qt::flat(dir.file(name)) + tail; };
+    const qt::Member *zeros = c.zip.find(named("slow", ".out"));
+    expect_members(c, asked, {
         {named("slow", ".out"), std::string(zeros != nullptr ? std::max<size_t>(1, zeros->data.size()) : 1, '\0')},
-        // Our own lines follow the capture even when it filled the chain.
+        // Our own lines follow the capture even when it filled the buffer.
         {named("slow", ".err"), std::string(262144, 'n') + term}, {named("deaf", ".out"), ""},
         {named("deaf", ".err"), term}, {named("leaves", ".out"), "started\n"},
         {named("leaves", ".err"), std::string(262144, 'w') + "QUELVANE MSG: Child exited with 3: No such process\n"},
-        {named("flood", ("_" + flood + ".out").c_str()),
-         qt::run_program("/bin/sh", {"-c", "seq 1 20000000 | head -c " + flood}).out},
-        {named("flood", ("_" + flood + ".err").c_str()), written.substr(0, 262144)}});
-
+        {named("flood", "_" + flood + ".out"), qt::run_program("/bin/sh", {"-c", "seq 1 20000000 | head -c " + flood}).out},
+        {named("flood", "_" + flood + ".err"), written.substr(0, 262144)}});
     qt::TempDir small;  // the same flood, 1 MB of it, for the peak memory
-    Collected base = collect(small, "cmd i,60,y,n f " + dir.file("flood") + " 1048576\n", "out.zip", {"-L", "i"});
+    const qt::Collection base = qt::collect(small, {"cmd i,60,y,n f " + dir.file("flood") + " 1048576\n", {"-L", "i"}});
     ASSERT_EQ(base.run.status, 0);
 #if defined(__SANITIZE_ADDRESS__)
     EXPECT_LT(c.run.maxrss_kb, 2 * base.run.maxrss_kb);  // shadow memory blurs small differences
@@ -243,33 +257,32 @@ TEST(Commands, TimeOutsGroupsAndFloods)
 TEST(Commands, InterruptStopsTheRunAndTheCommandGroup)
 {
     for (int signo : {SIGINT, SIGTERM}) {
-        const std::string out = signo == SIGINT ? "out.zip" : "-";
-        SCOPED_TRACE(out);
         qt::TempDir dir;
         const std::string started = dir.file("started"), got_term = dir.file("got-term");
-        std::string waits = qt::script(dir, "waits", "trap 'echo term > " + got_term + "; exit 0' TERM\nexec 2>&-\n"
-                                                 "echo waiting; touch " + started + "\nwhile :; do sleep 0.1; done\n");
-        qt::RunSpec job;
-        job.during = [&](pid_t pid) {
+        const std::string waits = qt::script(dir, "waits", "trap 'echo term > " + got_term + "; exit 0' TERM\nexec 2>&-\n"
+                                                           "echo waiting; touch " + started + "\nwhile :; do sleep 0.1; done\n");
+        qt::Collect asked{"cmd i,30,y,n waits " + waits + "\ncmd i,-,y,n next /bin/echo next\n", {"-v", "-L", "i"}};
+        asked.out = signo == SIGINT ? "out.zip" : "-";
+        SCOPED_TRACE(asked.out);
+        asked.job.during = [&](pid_t pid) {
             for (int i = 0; i < 1000 && !qt::file_exists(started); ++i)
                 usleep(10000);
             kill(pid, signo);
         };
-        const std::string config = "cmd i,30,y,n waits " + waits + "\ncmd i,-,y,n next /bin/echo next\n";
-        Collected c = collect(dir, config, out, {"-v", "-L", "i"}, job);
+        const qt::Collection c = qt::collect(dir, asked);
         EXPECT_EQ(c.run.status, 5);
         EXPECT_EQ(qt::read_file(got_term), "term\n");
-        const std::string progress = "Sending README File\nSending CONFIG File\nStarting Command: " + waits +
-                                     "\nCommand '" + waits + "' interrupted by user\n";
+        const std::string progress = "Sending README File\nSending CONFIG File\nStarting Command: " + waits + "\nCommand '" +
+                                     waits + "' interrupted by user\n";
         const std::string removing = "Data capture interrupted by user.  Attempting to remove archive.\n";
-        if (out == "-") {
+        if (asked.out == "-") {
             EXPECT_EQ(c.run.err, progress + removing + "Interrupted by user\n");
-            expect_members(c, config, {{"t/waits/" + qt::flat(waits) + ".out", "waiting\n"},
-                                       {"t/waits/" + qt::flat(waits) + ".err", "QUELVANE MSG: User Interrupt\n"}});
+            expect_members(c, asked, {{"t/waits/" + qt::flat(waits) + ".out", "waiting\n"},
+                                      {"t/waits/" + qt::flat(waits) + ".err", "QUELVANE MSG: User Interrupt\n"}});
         } else {
-            EXPECT_EQ(c.run.out + c.run.err, "Collecting data into " + c.path + "\n" + progress +
+            EXPECT_EQ(c.run.out + c.run.err, "Collecting data into out.zip\n" + progress +
                                                  "Interrupted by user\n" + removing);
-            EXPECT_FALSE(qt::file_exists(c.path)) << "the interrupted archive was kept";
+            EXPECT_FALSE(qt::file_exists(dir.file("out.zip"))) << "the interrupted archive was kept";
         }
     }
 }
@@ -280,19 +293,16 @@ TEST(Commands, FinishedMembersReachTheReaderAtOnce)
 {
     qt::TempDir dir;
     std::string early;
-    qt::RunSpec job;
-    job.during = [&](pid_t pid) {
+    qt::Collect asked{"cmd i,-,y,n one /bin/echo first\ncmd i,-,y,n two /bin/sleep 3\n", {"-b", "-L", "i"}, "-"};
+    asked.job.during = [&](pid_t pid) {
         usleep(1500000);  // the sleep below has begun, and has 1.5 s to go
         early = qt::read_file("/proc/" + std::to_string(pid) + "/fd/1");
     };
-    Collected c = collect(dir, "cmd i,-,y,n one /bin/echo first\ncmd i,-,y,n two /bin/sleep 3\n", "-",
-                          {"-b", "-L", "i"}, job);
+    const qt::Collection c = qt::collect(dir, asked);
     ASSERT_EQ(c.run.status, 0);
-    const size_t header = c.run.out.find("\n\n") + 2;  // the download header's end
-    const qt::ZipArchive zip = qt::read_zip(c.run.out.substr(header));
-    ASSERT_EQ(zip.entries.size(), 4u) << zip.error;
+    ASSERT_EQ(c.zip.members.size(), 4u) << c.zip.problems;
     // Everything up to the second command's local header, and nothing of its data yet.
-    const qt::ZipEntry &second = zip.entries[3];
-    EXPECT_EQ(early.size(), header + second.offset + 30 + second.name.size());
+    const qt::Member &second = c.zip.members[3];
+    EXPECT_EQ(early.size(), c.header.size() + second.offset + 30 + second.name.size());
     EXPECT_EQ(early, c.run.out.substr(0, early.size()));
 }

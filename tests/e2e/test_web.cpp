@@ -92,22 +92,23 @@ TEST(Web, DownloadsThroughARealServer)
         "/bin/sh", {"-c", "cd " + got + " && curl -sS -OJ -w '%{time_starttransfer}' " + server.url("quelvane.cgi")});
     ASSERT_EQ(curl.status, 0) << curl.err;
     EXPECT_LT(std::stod(curl.out), 0.5) << "seconds to the first byte";
-    EXPECT_EQ(qt::check_real_readers(got + "/" + saved), "");
-    EXPECT_EQ(qt::read_zip(qt::read_file(got + "/" + saved)).names().size(), 4u);
+    qt::Archive zip = qt::read_archive(got + "/" + saved);
+    EXPECT_EQ(zip.problems, "");
+    EXPECT_EQ(zip.members.size(), 4u);
 
     // Encrypted, the password on a descriptor; the newline the file ends in counts.
     unlink((got + "/" + saved).c_str());
     curl = qt::run_program("/bin/sh", {"-c", "cd " + got + " && curl -sS -OJ " + server.url("quelvane-encrypted.cgi")});
     ASSERT_EQ(curl.status, 0) << curl.err;
     EXPECT_EQ(qt::openssl_decrypt(got + "/" + saved, "secret\n", dir.file("opened.zip")), "");
-    EXPECT_EQ(qt::check_real_readers(dir.file("opened.zip")), "");
+    EXPECT_EQ(qt::read_archive(dir.file("opened.zip")).problems, "");
 
     // A real browser saves it under the suggested name.
     unlink((got + "/" + saved).c_str());
     qt::RunResult browser = qt::run_program("/usr/bin/python3", {QUELVANE_SOURCE_DIR "/tests/e2e/browser_download.py",
                                                                  std::to_string(qt::free_port()), server.url("quelvane.cgi"), got});
     EXPECT_EQ(browser.out, saved + " completed\n") << browser.err;
-    EXPECT_EQ(qt::check_real_readers(got + "/" + saved), "");
+    EXPECT_EQ(qt::read_archive(got + "/" + saved).problems, "");
 
     // The client goes away mid-download: status 2 within a few seconds, the command
     // stopped, the lock free; then the next download works.
@@ -120,7 +121,7 @@ TEST(Web, DownloadsThroughARealServer)
     EXPECT_FALSE(qt::file_exists(dir.file("quelvane_tmp/quelvane.quelvane")));
     ASSERT_TRUE(qt::write_file(dir.file("q.conf"), "cmd A,5,y,n a /bin/echo again\n"));
     EXPECT_EQ(qt::run_program("/usr/bin/curl", {"-sS", "-o", dir.file("again.zip"), server.url("quelvane.cgi")}).status, 0);
-    EXPECT_EQ(qt::check_real_readers(dir.file("again.zip")), "");
+    EXPECT_EQ(qt::read_archive(dir.file("again.zip")).problems, "");
 }
 
 TEST(Web, PageFollowsTheDownloadEntryByEntry)
@@ -152,6 +153,7 @@ TEST(Web, PageFollowsTheDownloadEntryByEntry)
     // The page ends with the size of the archive it saved.
     const std::string archive = qt::read_file(got + "/" + saved);
     EXPECT_EQ(status, "status: Archive complete: " + std::to_string(archive.size()) + " bytes");
-    EXPECT_EQ(qt::check_real_readers(got + "/" + saved), "");
-    EXPECT_EQ(qt::read_zip(archive).names().size(), 2u + 6u);
+    const qt::Archive zip = qt::read_archive(got + "/" + saved);
+    EXPECT_EQ(zip.problems, "");
+    EXPECT_EQ(zip.members.size(), 2u + 6u);
 }

@@ -1,4 +1,6 @@
-// Helpers shared by the unit and end-to-end tests.
+// What the tests share: temporary directories, children run with their
+// output captured, and one way to make a collection and read its archive
+// with the real readers.
 #ifndef QUELVANE_TESTSUPPORT_H
 #define QUELVANE_TESTSUPPORT_H
 
@@ -13,9 +15,7 @@
 
 namespace qt {
 
-// Path of the built quelvane executable.
 std::string quelvane_binary();
-
 // Whether the tool and the tests run under an emulator (a cross build).
 bool emulated();
 
@@ -34,103 +34,102 @@ private:
 };
 
 bool write_file(const std::string &path, const std::string &content, unsigned mode = 0644);
+std::string read_file(const std::string &path);
+bool file_exists(const std::string &path);
 // An executable shell script NAME in dir; returns its path.
 std::string script(const TempDir &dir, const std::string &name, const std::string &body);
-std::string read_file(const std::string &path);
 std::vector<std::string> split_lines(const std::string &text);
 // A path as a member name's tail: every '/' an '@'.
 std::string flat(std::string path);
+std::string sha256(const std::string &data);
 // A self-signed certificate and its key, support.pem and support.key in dir.
 bool make_certificate(const TempDir &dir);
-bool file_exists(const std::string &path);
 
-// One child process: its argv, environment, standard input, extra inherited
-// descriptors, and what it printed.
+// One child process: its argv, environment, standard input, extra
+// descriptors open for reading, and what it printed.
 struct RunSpec {
-    std::vector<std::string> args;                  // after argv[0]
-    std::string program;                            // default: the quelvane binary
-    std::string argv0;                              // default: program
-    std::vector<std::string> env;                   // "NAME=value"; besides PATH and LC_ALL=C
-    std::string stdin_data;                         // standard input (empty: at end at once)
-    std::vector<std::pair<int, std::string>> fds;   // descriptor N open for reading this data
-    std::string cwd;                                // default: unchanged
-    int timeout_seconds = 60;                       // then SIGKILL and timed_out
-    std::function<void(pid_t)> during;              // called in the parent while it runs
-    std::function<void()> in_child;                 // called in the child before exec
+    std::vector<std::string> args;                 // after argv[0]
+    std::string program;                           // default: the tool
+    std::string argv0;                             // default: program
+    std::vector<std::string> env;                  // "NAME=value", besides PATH and LC_ALL=C
+    std::string stdin_data;
+    std::vector<std::pair<int, std::string>> fds;  // descriptor N holding this data
+    std::string cwd;
+    int timeout_seconds = 60;                      // then SIGKILL
+    std::function<void(pid_t)> during;             // in the parent while it runs
+    std::function<void()> in_child;                // in the child before exec
 };
 
 struct RunResult {
-    int status = -1;       // exit status, or -1 when killed by a signal
-    bool timed_out = false;
-    std::string out;
-    std::string err;
-    long maxrss_kb = 0;  // peak resident size while it ran
+    int status = -1;  // exit status, or -1 when killed by a signal
+    std::string out, err;
+    long maxrss_kb = 0;  // its peak resident size
     double seconds = 0;
 };
 
 RunResult run(const RunSpec &job);
-
+RunResult run_program(const std::string &program, const std::vector<std::string> &args,
+                      const std::string &stdin_data = "");
+// The tool in dir, with QUELVANE_HOME=dir/home, dir as its working
+// directory, and its processes marked with RUN_MARK + dir.
+RunResult run_quelvane(const TempDir &dir, const std::vector<std::string> &args, RunSpec job = RunSpec());
+// What call wrote to standard error while it ran.
+std::string capture_stderr(const std::function<void()> &call);
+// The processes of a run marked with RUN_MARK + mark still alive (killed).
+extern const std::string RUN_MARK;
+std::string left_running(const std::string &mark);
+int free_port();
 // The peak resident size so far of a running process that has executed
 // program, in KiB; 0 before that exec and once it has ended.
 long resident_peak_kb(pid_t pid, const std::string &program);
 
-// What call wrote to standard error (descriptor 2) while it ran.
-std::string capture_stderr(const std::function<void()> &call);
-
-// The tool in the directory dir, with QUELVANE_HOME=dir/home and the
-// working directory dir; job supplies anything else (stdin, descriptors).
-RunResult run_quelvane(const TempDir &dir, const std::vector<std::string> &args,
-                       RunSpec job = RunSpec());
-
-// An environment variable whose value marks the processes of one run:
-// left_running(mark) names (and kills) those still alive.
-extern const std::string RUN_MARK;
-std::string left_running(const std::string &mark);
-
-// A TCP port on 127.0.0.1 that was free a moment ago.
-int free_port();
-
-// An external program by path with its arguments.
-RunResult run_program(const std::string &program, const std::vector<std::string> &args,
-                      const std::string &stdin_data = "");
-
-// Our own reader: walks the stream front to back (local header, inflated
-// data, data descriptor), then checks the central directory and end record
-// against what it saw. error is empty when everything agrees.
-struct ZipEntry {
-    std::string name;
-    std::string data;                 // inflated
-    uint16_t version = 0;
-    uint16_t flags = 0;
-    uint16_t method = 0;
-    uint32_t dos_datetime = 0;        // date << 16 | time
-    uint32_t crc = 0;                 // from the descriptor
-    uint32_t compressed_size = 0;     // from the descriptor
-    uint32_t declared_size = 0;       // uncompressed size from the descriptor
-    uint64_t offset = 0;              // of the local header
+// An archive as the readers see it. Every member's local header, data
+// descriptor and central record are checked against each other, and
+// unzip -t, Python's zipfile and bsdtar (streaming) read it; problems is
+// empty when all agree and exactly the flagged members (a collected file
+// read short or long, its ".err") declare a size other than their data.
+struct Member {
+    std::string name, data;
+    uint32_t flags = 0, dos_datetime = 0, crc = 0, compressed = 0, declared = 0;
+    uint64_t offset = 0;
 };
-
-struct ZipArchive {
-    std::vector<ZipEntry> entries;
-    std::string error;
+struct Archive {
+    std::vector<Member> members;
+    std::string problems;
     std::vector<std::string> names() const;
-    const ZipEntry *find(const std::string &name) const;
+    const Member *find(const std::string &name) const;
 };
+Archive read_archive(const std::string &path, const std::set<std::string> &flagged = {});
 
-ZipArchive read_zip(const std::string &bytes);
+// openssl enc -d -aes-128-cbc -md md5; openssl's complaint, or empty.
+std::string openssl_decrypt(const std::string &in, const std::string &password, const std::string &out);
 
-// Hands the archive to unzip -t, Python's zipfile and bsdtar (reading from a
-// pipe). Members in 'flagged' declare a size other than their data (collected
-// files read short or long, their ".err" members): exactly those must be
-// flagged by the readers that check sizes. Empty when all agree; otherwise
-// what went wrong.
-std::string check_real_readers(const std::string &zip_path,
-                               const std::set<std::string> &flagged = {});
-
-// openssl enc -d -aes-128-cbc -md md5 with the password as given; returns
-// an empty string on success, else openssl's standard error.
-std::string openssl_decrypt(const std::string &in_path, const std::string &password,
-                            const std::string &out_path);
+// One collection: config written to dir/q.conf, then
+// quelvane -f q.conf -a t.zip -o OUT ARGS; the archive (behind any download
+// header, decrypted with the password) read with read_archive.
+struct Collect {
+    Collect(std::string config_ = "", std::vector<std::string> args_ = {}, std::string out_ = "out.zip",
+            std::string password_ = "")
+        : config(std::move(config_)), args(std::move(args_)), out(std::move(out_)), password(std::move(password_))
+    {
+    }
+    std::string config;
+    std::vector<std::string> args;
+    std::string out;  // as given to -o, in dir; "-": standard output
+    std::string password;
+    std::set<std::string> flagged;
+    bool progress = false;  // --progress-fd=3 into dir/progress
+    RunSpec job;
+};
+struct Collection {
+    RunResult run;
+    std::string header;  // what preceded the archive on standard output
+    std::string sent;    // the archive as delivered
+    std::string path;    // the plain archive
+    Archive zip;
+    std::vector<std::string> progress;
+};
+Collection collect(const TempDir &dir, const Collect &c);
 
 }  // namespace qt
 
