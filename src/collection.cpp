@@ -37,9 +37,9 @@ Result run_command_entry(Context &context, const ConfigEntry &entry, int max_dom
 // some systems have.
 Result collect_file_entry(Context &context, const ConfigEntry &entry, int *errors)
 {
-    const std::vector<std::string> paths =
-        entry.literal_path ? std::vector<std::string>{entry.path}
-                           : expand_pattern(entry.path, entry.type == ENTRY_LOG && context.zip.stream().budget_active());
+    std::vector<std::string> paths(1, entry.path);
+    if (!entry.literal_path)
+        paths = expand_pattern(entry.path, entry.type == ENTRY_LOG && context.zip.stream().budget_active());
     for (const std::string &path : paths) {
         const EntryNames names = context.file_names(entry, path);
         if (!entry.literal_path && !context.admit(names)) {

@@ -270,12 +270,22 @@ void answer(int option, const std::string &program)
         printf("%s\n", _(line));
 }
 
+// The options given so far, by their codes.
+class Given {
+public:
+    bool operator()(int code) const { return given_[code]; }
+    void add(int code) { given_[code] = true; }
+
+private:
+    bool given_[OPTION_RECIPIENT + 1] = {};
+};
+
 // The combinations, checked in this order once every option is read.
-Result check_combinations(const Options &o, const bool *seen)
+Result check_combinations(const Options &o, const Given &seen)
 {
-    const bool seen_P = seen['P'], seen_I = seen['I'];
-    const char *refusal = !seen['f']                         ? _("Missing required -f flag\n")
-                          : !seen['a']                       ? _("Missing required -a flag\n")
+    const bool seen_P = seen('P'), seen_I = seen('I');
+    const char *refusal = !seen('f')                         ? _("Missing required -f flag\n")
+                          : !seen('a')                       ? _("Missing required -a flag\n")
                           : o.answer_yes && o.answer_no      ? _("-y and -n cannot be used together\n")
                           : seen_P && !o.encrypt             ? _("-P requires -e flag\n")
                           : seen_I && !o.encrypt             ? _("-I requires -e flag\n")
@@ -285,7 +295,7 @@ Result check_combinations(const Options &o, const bool *seen)
                           : o.max_size != 0 && (o.manifest || !o.recipient.empty())
                               ? _("--max-size cannot be used with --manifest or --recipient\n")
                           : o.remove_device_files && !o.have_device ? _("-r requires -d flag\n")
-                          : !seen['o']                       ? _("At least one output mode must be specified\n")
+                          : !seen('o')                       ? _("At least one output mode must be specified\n")
                           : o.have_device && o.download
                               ? _("Internal error.  USB Device Mode and BUI Download Mode specified simultaneously.\n")
                           // In browser usage nobody is there to answer a prompt.
@@ -299,7 +309,7 @@ Result check_combinations(const Options &o, const bool *seen)
 
 Parsed parse(int argc, char **argv, const std::string &program, Options *options)
 {
-    bool seen[OPTION_RECIPIENT + 1] = {};
+    Given seen;
     opterr = 0;
     optind = 0;  // a full restart of getopt, so the parser can be called again
     for (int option; (option = getopt_long(argc, argv, OPTION_STRING, LONG_OPTIONS, nullptr)) != -1;) {
@@ -313,17 +323,17 @@ Parsed parse(int argc, char **argv, const std::string &program, Options *options
                 rule = &candidate;
         if (rule == nullptr)
             return {false, true, refuse_unknown(option, argv)};
-        if (seen[option] && rule->again != Again::allowed) {
+        if (seen(option) && rule->again != Again::allowed) {
             if (rule->again == Again::message)
                 fputs(_(rule->again_message), stderr);
             return {false, true, Result::refused};
         }
-        seen[option] = true;
+        seen.add(option);
         const Result applied = rule->apply(*options, optarg);
         if (applied != Result::ok)
             return {false, true, applied};
     }
-    if (seen['h'])
+    if (seen('h'))
         return {false, true, argc > 2 ? Result::refused : Result::ok};
     if (options->quiet)
         options->verbose = false;

@@ -81,6 +81,24 @@ std::vector<std::pair<std::string, std::string>> given_options(const Options &o)
     return given;
 }
 
+// Whether the checksum can be written where --checksum asks: an existing
+// file we may write, or a new one in a directory we may write to; said
+// when not.
+bool checksum_writable(const std::string &path)
+{
+    const size_t slash = path.rfind('/');
+    const std::string directory = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
+    struct stat status;
+    const bool exists = stat(path.c_str(), &status) == 0;
+    if (exists && S_ISDIR(status.st_mode))
+        errno = EISDIR;
+    else if (exists ? access(path.c_str(), W_OK) == 0 : access(directory.c_str(), W_OK | X_OK) == 0)
+        return true;
+    const int error = errno;
+    fprintf(stderr, _("Unable to write the checksum to %s: %s\n"), path.c_str(), strerror(error));
+    return false;
+}
+
 // "<sha256>  <name>", as sha256sum -c reads it.
 Result write_checksum(const std::string &path, const std::string &digest, const std::string &name)
 {
@@ -368,6 +386,8 @@ Result set_up(Run &run)
     if (!o.scrub_path.empty() && run.scrub.load(o.scrub_path) != Result::ok)
         return Result::refused;
     if (!o.recipient.empty() && run.certificate.load(o.recipient) != Result::ok)
+        return Result::refused;
+    if (!o.checksum_path.empty() && !checksum_writable(o.checksum_path))
         return Result::refused;
     if (!signals_install())
         return say(Result::output_failure, _("Unable to setup signal handlers\n"));

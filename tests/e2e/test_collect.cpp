@@ -1,6 +1,6 @@
 // Whole runs: members, names, order, contents, console lines and error counts in every
-// output mode; configurations with bad lines or owners; dataset selection; commands past
-// their time-out or flooding; interrupts; nothing held back from a download.
+// output mode; dataset selection and bad configuration lines; commands past their
+// time-out or flooding; interrupts; nothing held back from a download.
 #include <gtest/gtest.h>
 
 #include <signal.h>
@@ -119,33 +119,42 @@ TEST(Collect, MixedConfigurationInEveryOutputMode)
     }
 }
 
-// Rejected lines are reported with their numbers and skipped, the run goes on; -l drops
-// commands and files unchecked. A configuration others may change is refused.
-TEST(Collect, ConfigurationLinesAndOwners)
+// Entries are collected only when their letters meet -L's, never without -L; with the
+// software reported down, entries marked "n" are passed over. Rejected lines are
+// reported with their numbers and skipped, the run goes on; -l drops commands and files
+// unchecked. A configuration others may change is refused.
+TEST(Collect, SelectionAndConfigurationLines)
 {
     const std::vector<std::string> lines = {
-        "CMD i,-,y,n n /bin/true", "cmd i,-,Y,n n /bin/true", "cmd i,0x10,y,n hex /bin/true", "file i,-,y,n n etc/hosts",
-        "cmd i,-,y,n n", "  # a comment", "", "cmd i,-,y,n dom /bin/echo x%d", "cmd garbage", "log garbage"};
+        "cmd a,-,y,n a /bin/echo a", "cmd b,-,n,n b /bin/echo b", "cmd ab,-,y,n ab /bin/echo ab",
+        "cmd A,-,y,n all /bin/echo all", "file z,-,n,y z /etc/hostname", "cmd i,-,Y,n n /bin/true",
+        "CMD i,0x10,y,n hex /bin/echo x%d", "file i,-,y,n n etc/hosts", "cmd i,-,y,n n", "  # a comment", "",
+        "cmd garbage", "log garbage"};
     qt::Collect asked;
     for (const std::string &line : lines)
         asked.config += line + "\n";
-    auto reported = [&](std::initializer_list<int> numbers) {
-        std::string text;
-        for (int n : numbers)
-            text += "Error on line q.conf:" + std::to_string(n) + ": " + lines[n - 1] + "\n";
-        return text;
-    };
-    for (const bool log_only : {false, true}) {
+    std::string reported[2];  // without and with -l
+    for (int n : {6, 8, 9, 12, 13})
+        reported[0] += "Error on line q.conf:" + std::to_string(n) + ": " + lines[n - 1] + "\n";
+    reported[1] = "Error on line q.conf:13: log garbage\n";
+    const Members::value_type a = {"t/a/@bin@echo_a.out", "a\n"}, b = {"t/b/@bin@echo_b.out", "b\n"},
+                              ab = {"t/ab/@bin@echo_ab.out", "ab\n"}, all = {"t/all/@bin@echo_all.out", "all\n"},
+                              z = {"t/z/@etc@hostname", qt::read_file("/etc/hostname")}, hex = {"t/hex/@bin@echo_x0.out", "x0\n"};
+    const struct { std::string letters; bool down, log_only; Members members; } cases[] = {
+        {"a", false, false, {a, ab, all}}, {"b", false, false, {b, ab, all}}, {"ab", false, false, {a, b, ab, all}},
+        {"A", false, false, {a, b, ab, all, z, hex}}, {"Z", false, false, {all, z}}, {"c", false, false, {all}},
+        {"", false, false, {}}, {"A", true, false, {a, ab, all, hex}}, {"i", false, false, {all, hex}}, {"A", false, true, {}}};
+    for (const auto &test : cases) {
+        SCOPED_TRACE(test.letters + (test.down ? " down" : "") + (test.log_only ? " -l" : ""));
         qt::TempDir dir;
-        asked.args = {"-L", "i"};
-        if (log_only)
+        asked.args = test.letters.empty() ? std::vector<std::string>{} : std::vector<std::string>{"-L", test.letters};
+        if (test.log_only)
             asked.args.push_back("-l");
+        asked.job.env = test.down ? std::vector<std::string>{"QUELVANE_INJECT_SPSWDOWN=1"} : std::vector<std::string>{};
         const qt::Collection c = qt::collect(dir, asked);
         EXPECT_EQ(c.run.status, 0);
-        EXPECT_EQ(c.run.err, log_only ? reported({10}) : reported({2, 4, 5, 9, 10}));
-        expect_members(c, asked, log_only ? Members{} : Members{{"t/n/@bin@true.out", ""}, {"t/hex/@bin@true.out", ""},
-                                                               {"t/dom/@bin@echo_x0.out", "x0\n"}},
-                       readme("i", false, log_only));
+        EXPECT_EQ(c.run.err, (test.down ? "Injected SPSWDOWN: 1\n" : "") + reported[test.log_only]);
+        expect_members(c, asked, test.members, readme(test.letters.empty() ? "i" : test.letters, test.down, test.log_only));
     }
     qt::TempDir dir;
     const struct { unsigned mode; uid_t owner; std::string why; } refusals[] = {
@@ -156,32 +165,6 @@ TEST(Collect, ConfigurationLinesAndOwners)
         EXPECT_EQ(c.run.status, 6);
         EXPECT_EQ(c.run.err, "Config file q.conf " + r.why + "; refusing to run it\nError reading config file: q.conf\n");
         EXPECT_FALSE(qt::file_exists(dir.file("out.zip")));
-    }
-}
-
-// Entries are collected only when their letters meet -L's, never without -L; with the
-// software reported down, entries marked "n" are skipped.
-TEST(Collect, DatasetSelection)
-{
-    qt::Collect asked;
-    asked.config = "cmd a,-,y,n a /bin/echo a\ncmd b,-,n,n b /bin/echo b\ncmd ab,-,y,n ab /bin/echo ab\n"
-                   "cmd A,-,y,n all /bin/echo all\nfile z,-,n,y z /etc/hostname\n";
-    const Members::value_type a = {"t/a/@bin@echo_a.out", "a\n"}, b = {"t/b/@bin@echo_b.out", "b\n"},
-                              ab = {"t/ab/@bin@echo_ab.out", "ab\n"}, all = {"t/all/@bin@echo_all.out", "all\n"},
-                              z = {"t/z/@etc@hostname", qt::read_file("/etc/hostname")};
-    const struct { std::string letters; bool down; Members members; } cases[] = {
-        {"a", false, {a, ab, all}}, {"b", false, {b, ab, all}}, {"ab", false, {a, b, ab, all}},
-        {"A", false, {a, b, ab, all, z}}, {"Z", false, {all, z}}, {"c", false, {all}}, {"", false, {}},
-        {"A", true, {a, ab, all}}};
-    for (const auto &test : cases) {
-        SCOPED_TRACE(test.letters + (test.down ? " down" : ""));
-        qt::TempDir dir;
-        asked.args = test.letters.empty() ? std::vector<std::string>{} : std::vector<std::string>{"-L", test.letters};
-        asked.job.env = test.down ? std::vector<std::string>{"QUELVANE_INJECT_SPSWDOWN=1"} : std::vector<std::string>{};
-        const qt::Collection c = qt::collect(dir, asked);
-        EXPECT_EQ(c.run.status, 0);
-        EXPECT_EQ(c.run.err, test.down ? "Injected SPSWDOWN: 1\n" : "");
-        expect_members(c, asked, test.members, readme(test.letters.empty() ? "i" : test.letters, test.down));
     }
 }
 
