@@ -2,7 +2,8 @@
 // collected by quelvane, beside zip -r -6 of the same files and a bare loop
 // that writes a streaming ZIP of them; then a configuration of 200 short
 // commands. The corpus again with --scrub (100 secrets, at least 85% of the
-// plain throughput), --manifest (at least 95%) and --recipient (under 8 MiB).
+// plain throughput), --manifest (at least 95%) and --recipient (under 8 MiB);
+// the scrubber's locked memory for 100, 1,000 and 10,000 secrets.
 // Prints PASS/FAIL lines and exits non-zero on any FAIL.
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -18,6 +19,7 @@
 #include <vector>
 
 #include "bench_common.h"
+#include "scrub.h"
 #include "testsupport.h"
 
 namespace {
@@ -170,6 +172,24 @@ int main()
                                                             std::to_string(t.share) + ")");
         ok &= report(option_kb < MEMORY_LIMIT_KB,
                      std::string(t.option) + ": peak memory " + std::to_string(option_kb) + " KiB is under 8 MiB");
+    }
+
+    // The scrubber's locked memory grows with the secrets' total length.
+    printf("\n%-28s %10s\n", "secrets of 32 bytes", "locked KiB");
+    for (int count : {100, 1000, 10000}) {
+        std::string many;
+        for (int i = 0; i < count; ++i) {
+            char value[40];
+            snprintf(value, sizeof value, "%016llx%016llx", 0x9e3779b97f4a7c15ULL * (i + 1), 0xc2b2ae3d27d4eb4fULL * (i + 7));
+            many += "s" + std::to_string(i) + "=" + value + "\n";
+        }
+        qt::write_file(dir.file("many"), many, 0600);
+        Scrubber scrub;
+        const bool loaded = scrub.load(dir.file("many")) == Result::ok;
+        const size_t kib = scrub.memory() / 1024;
+        printf("%-28d %10zu\n", count, kib);
+        if (count == 1000)
+            ok &= report(loaded && kib <= 8 * 1024, "1000 secrets lock " + std::to_string(kib) + " KiB (at most 8 MiB)");
     }
 
     // Many short commands: the cost of a fork, a shell and a member each.

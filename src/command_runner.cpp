@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <vector>
 
 #include "descriptor.h"
 #include "signals.h"
@@ -140,9 +141,33 @@ private:
     bool done_ = false;
 };
 
-void read_stderr(Context &context, int fd, const char *format)
+// Scrubbed as it comes, before the cap: the cap counts the scrubbed text,
+// and a secret that the cap cuts is replaced whole or left out.
+int read_scrubbed(Context &context, int fd, bool final)
 {
-    const int result = context.err_text.read_fd(fd);
+    unsigned char buffer[TextBuffer::PIECE];
+    std::vector<unsigned char> clean;
+    ssize_t count = sizeof buffer;
+    while (count == static_cast<ssize_t>(sizeof buffer)) {
+        count = read(fd, buffer, sizeof buffer);
+        if (count < 0 && errno != EAGAIN && errno != EWOULDBLOCK)
+            return -1;
+        clean.clear();
+        context.err_scrub.feed(buffer, count > 0 ? static_cast<size_t>(count) : 0, false, &clean);
+        context.err_text.add_capped(clean.data(), clean.size());
+    }
+    if (final) {
+        clean.clear();
+        context.err_scrub.feed(buffer, 0, true, &clean);
+        context.err_text.add_capped(clean.data(), clean.size());
+    }
+    return 0;
+}
+
+// final: the command has ended, and this is the last of its standard error.
+void read_stderr(Context &context, int fd, const char *format, bool final = false)
+{
+    const int result = context.scrub.active() ? read_scrubbed(context, fd, final) : context.err_text.read_fd(fd);
     if (result != 0 && !context.err_text.full())
         fprintf(stderr, format, result, fd, errno);
 }
@@ -169,7 +194,8 @@ Result report_missing(Context &context, const ConfigEntry &entry, ZipMember &err
 {
     context.note(EntryResult::error);
     err.status = "missing";
-    if (context.notes.printf(_("QUELVANE MSG: %s does not exist on this platform\n"), entry.path.c_str()) < 0)
+    if (context.notes.printf(_("QUELVANE MSG: %s does not exist on this platform\n"),
+                             context.scrub.text(entry.path).c_str()) < 0)
         return Result::collection_error;
     if (context.write_text_member(err, context.err_text, &context.notes) != 0) {
         context.console.progress(_("Error with output\n"));
@@ -249,7 +275,7 @@ Result conclude(Context &context, const ConfigEntry &entry, ZipMember &out, ZipM
         console.progress(_("Error with output\n"));
         return Result::output_failure;
     }
-    read_stderr(context, err_read, _("Error buffering stderr ret=%d fd=%d errno=%d\n"));
+    read_stderr(context, err_read, _("Error buffering stderr ret=%d fd=%d errno=%d\n"), true);
     if (out.cut && context.add_cut_note(out) < 0)
         fputs(_("Error withquelvane_vbprintf: Exit\n"), stderr);
     const bool timed_out = ending == Ending::timed_out, interrupted = ending == Ending::interrupted;
@@ -309,8 +335,9 @@ int read_group(Pipe &sync)
 
 Result run_command(Context &context, const ConfigEntry &entry, const std::string &command, const EntryNames &names)
 {
-    context.console.progress(_("Starting Command: %s\n"), command.c_str());
+    context.console.progress(_("Starting Command: %s\n"), names.origin.c_str());
     context.err_text.clear();
+    context.err_scrub.reset();
     context.notes.clear();
     child_exited = 0;
     command_timed_out = 0;

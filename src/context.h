@@ -43,7 +43,8 @@ struct Skipped {
 struct Context {
     Context(Console &console_, ProgressChannel &progress_, Pacing &pacing_, Scrubber &scrub_, ZipWriter &zip_,
             std::string prefix_)
-        : console(console_), progress(progress_), pacing(pacing_), scrub(scrub_), zip(zip_), prefix(std::move(prefix_))
+        : console(console_), progress(progress_), pacing(pacing_), scrub(scrub_), zip(zip_), prefix(std::move(prefix_)),
+          err_scrub(scrub_)
     {
     }
 
@@ -57,6 +58,7 @@ struct Context {
     // The entry under way.
     EntryResult result = EntryResult::ok;
     TextBuffer err_text;  // a command's standard error, or our lines about a file
+    Scrubber::Stream err_scrub;  // standard error scrubbed as it comes, before the cap
     TextBuffer notes;     // our own lines about a command, after its standard error
     // Under a budget: what the SKIPPED member may still need.
     uint64_t skipped_reserve = 0;

@@ -50,7 +50,7 @@ const char *describe_file(const std::string &path, ZipMember *member)
 // so) when it cannot be kept.
 bool note_line(Context &context, const char *format, const char *path, const char *detail, const char *fallback)
 {
-    if (context.err_text.printf(format, path, detail) >= 0)
+    if (context.err_text.printf(format, context.scrub.text(path).c_str(), detail) >= 0)
         return true;
     fprintf(stderr, fallback, path);
     return false;
@@ -123,7 +123,7 @@ int open_regular_file(const std::string &path)
 Result collect_file(Context &context, const std::string &path, const EntryNames &names)
 {
     const Console &console = context.console;
-    console.progress(_("Collecting file: %s"), path.c_str());
+    console.progress(_("Collecting file: %s"), names.origin.c_str());
     context.err_text.clear();
     context.notes.clear();
     ZipMember file, err;
@@ -142,7 +142,7 @@ Result collect_file(Context &context, const std::string &path, const EntryNames 
         err.status = "error";
         err.error = why;
         console.progress(_(" - Status: No file status\n"));
-        console.progress(_("Error for file: %s: %s\n"), path.c_str(), why);
+        console.progress(_("Error for file: %s: %s\n"), names.origin.c_str(), why);
         note_failed = !note_line(context, _("Error for file: %s: %s\n"), path.c_str(), why,
                                  _("quelvane_vbprintf: unable to write stderr buffer: '%s'\n"));
         // A file that only some systems have is no error.
@@ -152,7 +152,7 @@ Result collect_file(Context &context, const std::string &path, const EntryNames 
         err.status = "error";
         err.error = strerror(error);
         console.progress(_(" - Status: FAIL\n"));
-        console.progress(_("Unable to open file: %s: %s\n"), path.c_str(), strerror(error));
+        console.progress(_("Unable to open file: %s: %s\n"), names.origin.c_str(), strerror(error));
         note_failed = !note_line(context, _("Unable to open file: %s: %s\n"), path.c_str(), strerror(error),
                                  _("quelvane_vbprintf: unable to write stderr buffer opening: '%s'\n"));
         result = error == EACCES && !note_failed ? Result::missing : Result::collection_error;

@@ -328,6 +328,14 @@ Parsed parse(int argc, char **argv, const std::string &program, Options *options
                 fputs(_(rule->again_message), stderr);
             return {false, true, Result::refused};
         }
+        // An empty value (an unset variable in a script) never means "none".
+        if (option >= OPTION_HELP && optarg != nullptr && optarg[0] == '\0') {
+            const struct option *named = LONG_OPTIONS;
+            while (named->val != option)
+                ++named;
+            fprintf(stderr, _("Option --%s may not be empty\n"), named->name);
+            return {false, true, Result::refused};
+        }
         seen.add(option);
         const Result applied = rule->apply(*options, optarg);
         if (applied != Result::ok)

@@ -16,6 +16,7 @@
 #include "console.h"
 #include "instance_lock.h"
 #include "options.h"
+#include "output_file.h"
 #include "run_report.h"
 #include "signals.h"
 #include "usb_device.h"
@@ -43,8 +44,8 @@ struct Run {
     InstanceLock lock;
     Sink sink;
     bool stdout_was_closed = false;
-    bool output_opened = false;  // a file of ours, to keep or remove
-    struct stat opened = {};     // that file as this run created or truncated it
+    OutputFile output_file;      // in file mode
+    bool output_opened = false;
     bool keep_archive = false;
     int collection_errors = 0;
     std::string checksum;  // the delivered archive's SHA-256, with --checksum
@@ -81,38 +82,6 @@ std::vector<std::pair<std::string, std::string>> given_options(const Options &o)
     return given;
 }
 
-// Whether the checksum can be written where --checksum asks: an existing
-// file we may write, or a new one in a directory we may write to; said
-// when not.
-bool checksum_writable(const std::string &path)
-{
-    const size_t slash = path.rfind('/');
-    const std::string directory = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
-    struct stat status;
-    const bool exists = stat(path.c_str(), &status) == 0;
-    if (exists && S_ISDIR(status.st_mode))
-        errno = EISDIR;
-    else if (exists ? access(path.c_str(), W_OK) == 0 : access(directory.c_str(), W_OK | X_OK) == 0)
-        return true;
-    const int error = errno;
-    fprintf(stderr, _("Unable to write the checksum to %s: %s\n"), path.c_str(), strerror(error));
-    return false;
-}
-
-// "<sha256>  <name>", as sha256sum -c reads it.
-Result write_checksum(const std::string &path, const std::string &digest, const std::string &name)
-{
-    FILE *file = digest.empty() ? nullptr : fopen(path.c_str(), "w");
-    bool written = file != nullptr && fprintf(file, "%s  %s\n", digest.c_str(), name.c_str()) > 0;
-    if (file != nullptr && fclose(file) != 0)
-        written = false;
-    if (written)
-        return Result::ok;
-    const int error = errno;
-    fprintf(stderr, _("Unable to write the checksum to %s: %s\n"), path.c_str(), strerror(error));
-    return Result::output_failure;
-}
-
 // Descriptors 0-2 that the caller closed are opened on /dev/null before
 // anything else can take their numbers (the lock file as our "stdout").
 // True when standard output was one of them.
@@ -130,36 +99,6 @@ bool fill_standard_descriptors()
         }
     }
     return stdout_closed;
-}
-
-// The archive's data, then its directory entry, on the device; a failure
-// is said and counts as an output failure.
-bool sync_output(const Sink &sink, const std::string &path)
-{
-    const size_t slash = path.rfind('/');
-    const std::string directory = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
-    int dir_fd = -1;
-    // A file system that cannot sync a directory (EINVAL) still has the file's entry.
-    if (!sink.sync() || (dir_fd = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) == -1 ||
-        (fsync(dir_fd) != 0 && errno != EINVAL && errno != ENOSYS)) {
-        const int error = errno;
-        if (dir_fd != -1)
-            close(dir_fd);
-        fprintf(stderr, _("Error flushing %s to its device: %s\n"), path.c_str(), strerror(error));
-        return false;
-    }
-    close(dir_fd);
-    return true;
-}
-
-// Only the regular file this run opened is removed: never a device or
-// whatever else stands at the path now.
-void remove_output(const std::string &path, const struct stat &opened)
-{
-    struct stat now;
-    if (S_ISREG(opened.st_mode) && lstat(path.c_str(), &now) == 0 && S_ISREG(now.st_mode) &&
-        now.st_dev == opened.st_dev && now.st_ino == opened.st_ino)
-        unlink(path.c_str());
 }
 
 // The USB device: writable, and emptied when -r asks (*done when the
@@ -215,12 +154,11 @@ Result open_output(Run &run)
         run.sink.attach(STDOUT_FILENO, false);
         return Result::ok;
     }
-    const int fd = open(o.output_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    const int fd = run.output_file.open(o.output_path);
     if (fd == -1) {
         fprintf(stderr, _("Unable to open output file: %s\n"), o.output_path.c_str());
         return Result::refused;
     }
-    fstat(fd, &run.opened);
     run.sink.attach(fd, true);
     run.output_opened = true;
     // Printed even with -q: callers read the archive's path from it.
@@ -236,7 +174,7 @@ Result start_output(Run &run, ZipWriter &zip)
     if (zip.stream().start_stream() != 0)
         return say(Result::output_failure, _("Error starting compression stream\n"));
     if (o.download && o.browser && !o.no_header &&
-        run.sink.send_header(download_header(o.archive_name)) != Result::ok)
+        run.sink.send_header(download_header(run.scrub.text(o.archive_name))) != Result::ok)
         return Result::output_failure;
     if (!o.checksum_path.empty())
         run.sink.hash_delivered();
@@ -266,11 +204,12 @@ Result end_archive(Run &run, Context &context, bool walked)
             return say(listed, _("Error with output\n"));
         if (listed != Result::ok)
             fputs(_("Unable to record the skipped entries\n"), stderr);
+        // A manifest asked for and missing is a failed delivery.
         const Result made = run.options.manifest ? write_manifest(context, given_options(run.options)) : Result::ok;
         if (made == Result::output_failure)
             return say(made, _("Error with output\n"));
         if (made != Result::ok)
-            fputs(_("Unable to write the manifest\n"), stderr);
+            return say(Result::output_failure, _("Unable to write the manifest\n"));
         run.console.progress(_("Completing ZIP archive\n"));
     }
     if (context.zip.finish_archive() != 0)
@@ -332,7 +271,7 @@ Result collect(Run &run)
     if ((result = start_output(run, zip)) != Result::ok)
         return result;
     Context context{run.console, run.progress, run.pacing, run.scrub, zip, run.scrub.text(o.archive_base)};
-    const RunFacts facts{o.archive_name, o.config_path, o.log_only, o.dataset_letters, sp_sw_down != 0, 1};
+    const RunFacts facts{run.scrub.text(o.archive_name), run.scrub.text(o.config_path), o.log_only, o.dataset_letters, sp_sw_down != 0, 1};
     run.console.progress(_("Sending README File\n"));
     if (write_readme(context, facts) != Result::ok)
         return say(Result::output_failure, _("Error while sending README file to zip archive\n"));
@@ -340,34 +279,31 @@ Result collect(Run &run)
     if (write_config(context, o.config_path) != Result::ok)
         return say(Result::output_failure, _("Error while sending CONFIG files to zip archive\n"));
     // The domain count is 1 in every run, deliberately.
-    result = walk_and_end(run, context, config, {o.datasets, sp_sw_down != 0, 1});
-    if (result == Result::ok && !o.checksum_path.empty()) {
-        run.checksum = run.sink.delivered_sha256();
-        if (write_checksum(o.checksum_path, run.checksum, o.download ? o.archive_name : o.output_path) !=
-            Result::ok) {
-            run.keep_archive = false;
-            return Result::output_failure;
-        }
-    }
-    return result;
+    return walk_and_end(run, context, config, {o.datasets, sp_sw_down != 0, 1});
 }
 
-// A file that did not receive a complete walk is never left behind; in
-// download mode there is nothing to close.
+// A file that did not receive a complete walk never takes the archive's
+// name; the checksum follows a complete archive, and failing to write it
+// fails the run but leaves the archive.
 Result finish_output(Run &run, Result result)
 {
-    if (!run.output_opened)
-        return result;
+    const Options &o = run.options;
     // On the device before we say so: the operator pulls the stick at
     // "Data collection complete".
-    if (run.keep_archive && !sync_output(run.sink, run.options.output_path)) {
+    if (run.output_opened && run.keep_archive && !run.output_file.commit(run.sink.sync())) {
         result = Result::output_failure;
         run.keep_archive = false;
     }
     run.sink.close_output();
-    if (!run.keep_archive)
-        remove_output(run.options.output_path, run.opened);
-    else
+    if (run.output_opened && !run.keep_archive)
+        run.output_file.discard();
+    if (result == Result::ok && !o.checksum_path.empty()) {
+        run.checksum = run.sink.delivered_sha256();
+        const std::string name = run.scrub.text(o.download ? o.archive_name : o.output_path);
+        if (write_whole_file(o.checksum_path, run.checksum + "  " + name + "\n") != Result::ok)
+            result = Result::output_failure;
+    }
+    if (run.output_opened && run.keep_archive)
         run.console.status(_("Data collection complete\n"));
     return result;
 }
@@ -387,8 +323,11 @@ Result set_up(Run &run)
         return Result::refused;
     if (!o.recipient.empty() && run.certificate.load(o.recipient) != Result::ok)
         return Result::refused;
-    if (!o.checksum_path.empty() && !checksum_writable(o.checksum_path))
+    if (const char *fault = o.checksum_path.empty() ? nullptr
+                            : checksum_path_fault(o.checksum_path, o.output_path, o.download)) {
+        fprintf(stderr, _("Refusing checksum file %s: %s\n"), o.checksum_path.c_str(), fault);
         return Result::refused;
+    }
     if (!signals_install())
         return say(Result::output_failure, _("Unable to setup signal handlers\n"));
     if (!run.lock.acquire(run.console.program)) {

@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include <nlohmann/json.hpp>
+#include <openssl/evp.h>
 
 #include "descriptor.h"
 
@@ -26,20 +27,69 @@ std::string utc_time(int64_t milliseconds)
     return text;
 }
 
+// The length of the valid UTF-8 sequence at text[at], or 0.
+size_t utf8_length(const std::string &text, size_t at)
+{
+    const auto byte = [&](size_t i) { return at + i < text.size() ? static_cast<unsigned char>(text[at + i]) : 0; };
+    const unsigned char first = byte(0);
+    const auto follows = [&](size_t i, unsigned char low, unsigned char high) { return byte(i) >= low && byte(i) <= high; };
+    if (first < 0x80)
+        return 1;
+    if (first >= 0xc2 && first <= 0xdf)
+        return follows(1, 0x80, 0xbf) ? 2 : 0;
+    if (first >= 0xe0 && first <= 0xef) {
+        // No overlong forms, no surrogates.
+        const unsigned char low = first == 0xe0 ? 0xa0 : 0x80, high = first == 0xed ? 0x9f : 0xbf;
+        return follows(1, low, high) && follows(2, 0x80, 0xbf) ? 3 : 0;
+    }
+    if (first >= 0xf0 && first <= 0xf4) {
+        const unsigned char low = first == 0xf0 ? 0x90 : 0x80, high = first == 0xf4 ? 0x8f : 0xbf;
+        return follows(1, low, high) && follows(2, 0x80, 0xbf) && follows(3, 0x80, 0xbf) ? 4 : 0;
+    }
+    return 0;
+}
+
+// A text as a JSON string under key: as it stands when it is UTF-8;
+// otherwise U+FFFD for each byte that is not, and the exact bytes in
+// base64 beside it, under "<key>_base64".
+void put_text(Json &object, const std::string &key, const std::string &text)
+{
+    std::string shown;
+    bool valid = true;
+    for (size_t at = 0; at < text.size();) {
+        const size_t length = utf8_length(text, at);
+        valid = valid && length != 0;
+        shown += length != 0 ? text.substr(at, length) : "\xEF\xBF\xBD";
+        at += length != 0 ? length : 1;
+    }
+    object[key] = shown;
+    if (valid)
+        return;
+    std::string encoded(4 * ((text.size() + 2) / 3) + 1, '\0');
+    encoded.resize(static_cast<size_t>(EVP_EncodeBlock(reinterpret_cast<unsigned char *>(&encoded[0]),
+                                                       reinterpret_cast<const unsigned char *>(text.data()),
+                                                       static_cast<int>(text.size()))));
+    object[key + "_base64"] = encoded;
+}
+
 Json describe(const ZipMember &member)
 {
     Json result = {{"status", member.status}};
     if (member.status == "exit")
         result["exit_status"] = member.exit_status;
     if (!member.error.empty())
-        result["error"] = member.error;
+        put_text(result, "error", member.error);
     result["cut"] = member.cut;
     char crc_text[16];
     snprintf(crc_text, sizeof crc_text, "%08x", member.crc32);
-    const Json made = !member.command.empty()       ? Json{{"kind", "command"}, {"command", member.command}}
-                      : !member.source_path.empty() ? Json{{"kind", "file"}, {"path", member.source_path}}
-                                                    : Json{{"kind", "generated"}};
-    return {{"name", member.name},
+    Json made = {{"kind", !member.command.empty() ? "command" : !member.source_path.empty() ? "file" : "generated"}};
+    if (!member.command.empty())
+        put_text(made, "command", member.command);
+    else if (!member.source_path.empty())
+        put_text(made, "path", member.source_path);
+    Json described = Json::object();
+    put_text(described, "name", member.name);
+    described.update(Json{
             {"made_by", made},
             {"result", result},
             {"bytes_in", member.data_in},
@@ -47,7 +97,8 @@ Json describe(const ZipMember &member)
             {"crc32", crc_text},
             {"sha256", hex(member.sha256, sizeof member.sha256)},
             {"started", utc_time(member.started_ms)},
-            {"duration_ms", member.duration_ms}};
+            {"duration_ms", member.duration_ms}});
+    return described;
 }
 
 // The manifest without its member list: the head's text less its closing
@@ -56,18 +107,21 @@ std::string manifest_head(Context &context, const std::vector<std::pair<std::str
 {
     char host[256] = "";
     gethostname(host, sizeof host - 1);
+    // Values are scrubbed before they are escaped.
     Json given = Json::object();
     for (const auto &option : options)
-        given[option.first] = option.second;
-    Json head = {{"tool", "quelvane"},
-                 {"version", QUELVANE_VERSION},
-                 {"host", host},
-                 {"created", utc_time(clock_ms(CLOCK_REALTIME) / 1000 * 1000)},
-                 {"options", given}};
+        put_text(given, option.first, context.scrub.text(option.second));
+    Json head = {{"tool", "quelvane"}, {"version", QUELVANE_VERSION}};
+    put_text(head, "host", context.scrub.text(host));
+    head["created"] = utc_time(clock_ms(CLOCK_REALTIME) / 1000 * 1000);
+    head["options"] = given;
     Json left_out = Json::array();
-    for (const Skipped &entry : context.skipped)
-        left_out.push_back(
-            {{"number", entry.number}, {"kind", entry.kind}, {"member", entry.member}, {"reason", entry.reason}});
+    for (const Skipped &entry : context.skipped) {
+        Json skipped = {{"number", entry.number}, {"kind", entry.kind}};
+        put_text(skipped, "member", entry.member);
+        skipped["reason"] = entry.reason;
+        left_out.push_back(skipped);
+    }
     head["skipped"] = left_out;
     std::string text = head.dump(1);
     text.erase(text.find_last_not_of(" \n", text.find_last_of('}') - 1) + 1);
@@ -77,7 +131,7 @@ std::string manifest_head(Context &context, const std::vector<std::pair<std::str
 // Deflates text into the member as one more piece of it.
 bool add_text(ZipData &data, ZipMember &member, const std::string &text, int flush)
 {
-    const int result = data.chunk(member, text.data(), static_cast<unsigned>(text.size()), flush);
+    const int result = data.put(member, text.data(), static_cast<unsigned>(text.size()), flush);
     return result == Z_OK || result == Z_STREAM_END;
 }
 
@@ -164,7 +218,7 @@ Result write_manifest(Context &context, const std::vector<std::pair<std::string,
             const std::vector<ZipMember> &members = zip.members();
             for (size_t i = 0; i < members.size(); ++i) {
                 text += (i == 0 ? "\n  " : ",\n  ") +
-                        describe(members[i]).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+                        describe(members[i]).dump();
                 if (text.size() >= 32768) {
                     if (!add_text(zip.stream(), member, text, Z_NO_FLUSH))
                         return Result::output_failure;

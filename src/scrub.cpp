@@ -1,7 +1,6 @@
 #include "scrub.h"
 
 #include <fcntl.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -10,121 +9,27 @@
 #include <cstdio>
 #include <cstring>
 #include <new>
-
-#include <openssl/crypto.h>
+#include <unordered_set>
 
 #include "console.h"
 #include "descriptor.h"
+#include "secret_matcher.h"
 
 namespace {
 
-// Set when locked memory could not be locked; the load then refuses.
-bool lock_failed;
-int lock_error;
-
-// Memory that is never swapped out nor dumped, and is wiped when freed: it
-// holds the secrets and the matcher that spells them out.
-template <class T>
-struct Locked {
-    using value_type = T;
-    Locked() = default;
-    template <class U>
-    Locked(const Locked<U> &)
-    {
-    }
-    static size_t span(size_t count)
-    {
-        const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-        return (count * sizeof(T) + page - 1) / page * page;
-    }
-    T *allocate(size_t count)
-    {
-        void *memory = mmap(nullptr, span(count), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-        if (memory == MAP_FAILED)
-            throw std::bad_alloc();
-        if (mlock(memory, span(count)) != 0 && !lock_failed) {
-            lock_failed = true;
-            lock_error = errno;
-        }
-        madvise(memory, span(count), MADV_DONTDUMP);
-        return static_cast<T *>(memory);
-    }
-    void deallocate(T *memory, size_t count)
-    {
-        OPENSSL_cleanse(memory, span(count));
-        munlock(memory, span(count));
-        munmap(memory, span(count));
-    }
-    bool operator==(const Locked &) const { return true; }
-    bool operator!=(const Locked &) const { return false; }
-};
-
-template <class T>
-using LockedVector = std::vector<T, Locked<T>>;
-using Bytes = LockedVector<unsigned char>;
-
-// Encodings shorter than this would match ordinary text.
+// Shorter values would match ordinary text.
 constexpr size_t MIN_SECRET = 4;
-constexpr size_t MIN_BASE64 = 8;
-constexpr size_t MAX_SCRUB_FILE = 1 << 20;
-constexpr uint32_t NONE = UINT32_MAX;
-
-struct Match {
-    size_t start;
-    uint32_t length;
-    uint32_t pattern;
-};
+constexpr size_t MAX_SECRET = 4096;
+constexpr size_t MAX_SECRETS = 10000;
+constexpr size_t MAX_SCRUB_FILE = 64 << 20;
+// A run of touching secrets is replaced in pieces of this size at most, so
+// that what is held back stays bounded.
+constexpr uint64_t MAX_SPAN = 64 << 10;
+constexpr uint32_t NONE = SecretMatcher::NONE;
 
 bool ascii_alnum(unsigned char byte)
 {
     return (byte >= '0' && byte <= '9') || (byte >= 'A' && byte <= 'Z') || (byte >= 'a' && byte <= 'z');
-}
-
-void add_form(Bytes &&form, std::vector<Bytes> *forms)
-{
-    if (std::find(forms->begin(), forms->end(), form) == forms->end())
-        forms->push_back(std::move(form));
-}
-
-void add_percent_forms(const Bytes &value, std::vector<Bytes> *forms)
-{
-    static const char upper[] = "0123456789ABCDEF", lower[] = "0123456789abcdef";
-    for (const char *digits : {upper, lower}) {
-        Bytes encoded;
-        for (unsigned char byte : value) {
-            if (ascii_alnum(byte) || byte == '-' || byte == '.' || byte == '_' || byte == '~') {
-                encoded.push_back(byte);
-            } else {
-                encoded.push_back('%');
-                encoded.push_back(static_cast<unsigned char>(digits[byte >> 4]));
-                encoded.push_back(static_cast<unsigned char>(digits[byte & 15]));
-            }
-        }
-        add_form(std::move(encoded), forms);
-    }
-}
-
-// At each alignment, the base64 characters that the value alone decides.
-void add_base64_forms(const Bytes &value, std::vector<Bytes> *forms)
-{
-    static const char alphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    for (size_t align = 0; align < 3; ++align) {
-        Bytes padded(align, 0);
-        padded.insert(padded.end(), value.begin(), value.end());
-        padded.resize(padded.size() + 3, 0);
-        Bytes encoded;
-        const size_t first_bit = 8 * align, last_bit = 8 * (align + value.size());
-        for (size_t bit = 0; bit + 6 <= last_bit; bit += 6) {
-            if (bit < first_bit)
-                continue;
-            unsigned sextet = 0;
-            for (size_t b = bit; b < bit + 6; ++b)
-                sextet = sextet << 1 | ((padded[b / 8] >> (7 - b % 8)) & 1);
-            encoded.push_back(static_cast<unsigned char>(alphabet[sextet]));
-        }
-        if (encoded.size() >= MIN_BASE64)
-            add_form(std::move(encoded), forms);
-    }
 }
 
 bool valid_name(const unsigned char *name, size_t length)
@@ -137,143 +42,33 @@ bool valid_name(const unsigned char *name, size_t length)
     return true;
 }
 
-}  // namespace
+bool blank(unsigned char byte) { return byte == ' ' || byte == '\t'; }
 
-// The patterns' matcher: a deterministic automaton over byte classes (the
-// bytes no pattern holds share class 0), each state knowing the longest
-// pattern that ends there.
-struct Scrubber::State {
-    unsigned char byte_class[256] = {};  // which bytes occur, not where
-    uint32_t classes = 1;
-    LockedVector<uint32_t> next;         // state * classes + class
-    LockedVector<uint32_t> ends;         // per state: longest pattern length ending there
-    LockedVector<uint32_t> pattern_of;   // per state: that pattern
-    LockedVector<uint32_t> replacement;  // per pattern: offset and length in texts
-    Bytes texts;                         // the "[REDACTED:name]" texts
-    size_t longest = 0;
-    Bytes carry;                         // a stream's tail that may begin a secret
-    std::vector<Match> matches;
-
-    void add_secret(const unsigned char *name, size_t name_length, const Bytes &value, std::vector<Bytes> *patterns,
-                    std::vector<uint32_t> *owner);
-    void build(const std::vector<Bytes> &patterns, const std::vector<uint32_t> &owner);
-    void add_pattern(const Bytes &pattern, uint32_t owner);
-    void link_failures();
-};
-
-void Scrubber::State::add_secret(const unsigned char *name, size_t name_length, const Bytes &value,
-                                 std::vector<Bytes> *patterns, std::vector<uint32_t> *owner)
+bool refuse_file(const std::string &path, const char *why)
 {
-    static const char head[] = "[REDACTED:";
-    const uint32_t index = static_cast<uint32_t>(replacement.size() / 2);
-    replacement.push_back(static_cast<uint32_t>(texts.size()));
-    replacement.push_back(static_cast<uint32_t>(sizeof head - 1 + name_length + 1));
-    texts.insert(texts.end(), head, head + sizeof head - 1);
-    texts.insert(texts.end(), name, name + name_length);
-    texts.push_back(']');
-    std::vector<Bytes> forms = {value};
-    add_percent_forms(value, &forms);
-    add_base64_forms(value, &forms);
-    for (Bytes &form : forms) {
-        patterns->push_back(std::move(form));
-        owner->push_back(index);
-    }
+    fprintf(stderr, _("Refusing scrub file %s: %s\n"), path.c_str(), why);
+    return false;
 }
 
-void Scrubber::State::add_pattern(const Bytes &pattern, uint32_t owner)
-{
-    uint32_t state = 0;
-    for (unsigned char byte : pattern) {
-        const size_t slot = state * classes + byte_class[byte];
-        if (next[slot] == NONE) {
-            next[slot] = static_cast<uint32_t>(ends.size());
-            ends.push_back(0);
-            pattern_of.push_back(0);
-            next.resize(next.size() + classes, NONE);
-        }
-        state = next[slot];
-    }
-    if (ends[state] == 0) {
-        ends[state] = static_cast<uint32_t>(pattern.size());
-        pattern_of[state] = owner;
-    }
-    longest = std::max(longest, pattern.size());
-}
-
-// Aho-Corasick: the trie of every pattern, then failure links folded into
-// a full transition table, breadth first.
-void Scrubber::State::build(const std::vector<Bytes> &patterns, const std::vector<uint32_t> &owner)
-{
-    for (const Bytes &pattern : patterns)
-        for (unsigned char byte : pattern)
-            if (byte_class[byte] == 0)
-                byte_class[byte] = static_cast<unsigned char>(classes++);
-    // At most one state per pattern byte: room for all at once, no regrowth.
-    size_t states = 1;
-    for (const Bytes &pattern : patterns)
-        states += pattern.size();
-    next.reserve(states * classes);
-    ends.reserve(states);
-    pattern_of.reserve(states);
-    next.assign(classes, NONE);
-    ends.assign(1, 0);
-    pattern_of.assign(1, 0);
-    for (size_t p = 0; p < patterns.size(); ++p)
-        add_pattern(patterns[p], owner[p]);
-    link_failures();
-}
-
-void Scrubber::State::link_failures()
-{
-    LockedVector<uint32_t> fail(ends.size(), 0), queue;
-    queue.reserve(ends.size());
-    for (uint32_t c = 0; c < classes; ++c) {
-        uint32_t &edge = next[c];
-        if (edge == NONE)
-            edge = 0;
-        else
-            queue.push_back(edge);
-    }
-    for (size_t head = 0; head < queue.size(); ++head) {
-        const uint32_t state = queue[head];
-        if (ends[state] == 0) {  // a proper suffix's pattern ends here too
-            ends[state] = ends[fail[state]];
-            pattern_of[state] = pattern_of[fail[state]];
-        }
-        for (uint32_t c = 0; c < classes; ++c) {
-            uint32_t &edge = next[state * classes + c];
-            const uint32_t fallback = next[fail[state] * classes + c];
-            if (edge == NONE) {
-                edge = fallback;
-            } else {
-                fail[edge] = fallback;
-                queue.push_back(edge);
-            }
-        }
-    }
-}
-
-Scrubber::Scrubber() = default;
-Scrubber::~Scrubber() = default;
-
-namespace {
-
-// The file's bytes, or a message and false: a regular file that only its
-// owner may read.
+// The file's bytes, or a message and false: a regular file of root's or
+// the caller's that only its owner may read, never through a link, and
+// never waiting on a FIFO.
 bool read_scrub_file(const std::string &path, Bytes *text)
 {
-    Descriptor fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
+    Descriptor fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NOFOLLOW | O_NONBLOCK));
     struct stat status;
+    if (fd.get() == -1 && errno == ELOOP)
+        return refuse_file(path, _("it is a symbolic link"));
     if (fd.get() == -1 || fstat(fd.get(), &status) != 0) {
         fprintf(stderr, _("Unable to open scrub file %s: %s\n"), path.c_str(), strerror(errno));
         return false;
     }
-    if (!S_ISREG(status.st_mode) || (status.st_mode & 077) != 0 ||
-        static_cast<size_t>(status.st_size) > MAX_SCRUB_FILE) {
-        fprintf(stderr, _("Refusing scrub file %s: it must be a regular file readable only by its owner\n"),
-                path.c_str());
-        return false;
-    }
+    if (!S_ISREG(status.st_mode) || (status.st_mode & 077) != 0)
+        return refuse_file(path, _("it must be a regular file readable only by its owner"));
+    if (status.st_uid != 0 && status.st_uid != getuid() && status.st_uid != geteuid())
+        return refuse_file(path, _("it belongs to neither root nor the caller"));
+    if (static_cast<size_t>(status.st_size) > MAX_SCRUB_FILE)
+        return refuse_file(path, _("it is larger than 64 MiB"));
     text->assign(static_cast<size_t>(status.st_size) + 1, 0);
     const ssize_t got = read(fd.get(), text->data(), text->size() - 1);
     if (got < 0) {
@@ -284,7 +79,33 @@ bool read_scrub_file(const std::string &path, Bytes *text)
     return true;
 }
 
+// What is wrong with a name=value line (its CR already dropped), or null.
+const char *line_fault(const unsigned char *line, size_t length, size_t name_length, bool has_equals,
+                       const std::unordered_set<std::string> &names)
+{
+    const unsigned char *value = line + name_length + 1;
+    const size_t value_length = has_equals ? length - name_length - 1 : 0;
+    if (!has_equals || !valid_name(line, name_length))
+        return _("expected name=value, the name of letters, digits, '_', '.' or '-'");
+    if (value_length == 0)
+        return _("the value is empty");
+    if (blank(value[0]) || blank(value[value_length - 1]))
+        return _("the value begins or ends with a blank");
+    if (value_length < MIN_SECRET || value_length > MAX_SECRET)
+        return _("the value must be 4 to 4096 bytes");
+    if (names.count(std::string(line, line + name_length)) != 0)
+        return _("the name is used twice");
+    if (names.size() >= MAX_SECRETS)
+        return _("more than 10000 secrets");
+    return nullptr;
+}
+
 }  // namespace
+
+Scrubber::Scrubber() = default;
+Scrubber::~Scrubber() = default;
+
+size_t Scrubber::memory() const { return locked_memory(); }
 
 Result Scrubber::load(const std::string &path)
 {
@@ -292,38 +113,39 @@ Result Scrubber::load(const std::string &path)
         Bytes text;
         if (!read_scrub_file(path, &text))
             return Result::refused;
-        auto state = std::make_unique<State>();
-        std::vector<Bytes> patterns;
-        std::vector<uint32_t> owner;  // pattern -> its replacement
+        auto automaton = std::make_unique<SecretMatcher>();
+        SecretMatcher &a = *automaton;
+        std::unordered_set<std::string> names;
         int line_number = 0;
         for (size_t at = 0; at < text.size();) {
             const size_t end = std::find(text.begin() + at, text.end(), '\n') - text.begin();
             ++line_number;
             const unsigned char *line = text.data() + at;
-            const size_t length = end - at;
+            size_t length = end - at;
             at = end + 1;
+            if (length > 0 && line[length - 1] == '\r')
+                --length;
             if (length == 0 || line[0] == '#')
                 continue;
             const auto *equals = static_cast<const unsigned char *>(memchr(line, '=', length));
-            const size_t name_length = equals != nullptr ? static_cast<size_t>(equals - line) : 0;
-            if (equals == nullptr || !valid_name(line, name_length) || length - name_length - 1 < MIN_SECRET) {
-                fprintf(stderr, _("Scrub file %s, line %d: expected name=value, the name of letters, digits, "
-                                  "'_', '.' or '-', the value at least %d bytes\n"),
-                        path.c_str(), line_number, static_cast<int>(MIN_SECRET));
+            const size_t name_length = equals != nullptr ? static_cast<size_t>(equals - line) : length;
+            if (const char *fault = line_fault(line, length, name_length, equals != nullptr, names)) {
+                fprintf(stderr, _("Scrub file %s, line %d: %s\n"), path.c_str(), line_number, fault);
                 return Result::refused;
             }
-            state->add_secret(line, name_length, Bytes(equals + 1, line + length), &patterns, &owner);
+            names.emplace(line, line + name_length);
+            a.add_secret(line, name_length, equals + 1, static_cast<size_t>(line + length - equals - 1));
         }
-        if (patterns.empty()) {
+        if (a.empty()) {
             fprintf(stderr, _("Scrub file %s holds no secrets\n"), path.c_str());
             return Result::refused;
         }
-        state->build(patterns, owner);
-        if (lock_failed) {
-            fprintf(stderr, _("Unable to lock the scrub secrets in memory: %s\n"), strerror(lock_error));
+        a.build();
+        if (locked_error() != 0) {
+            fprintf(stderr, _("Unable to lock the scrub secrets in memory: %s\n"), strerror(locked_error()));
             return Result::refused;
         }
-        state_ = std::move(state);
+        automaton_ = std::move(automaton);
         return Result::ok;
     });
     if (result == Result::no_memory)
@@ -331,60 +153,227 @@ Result Scrubber::load(const std::string &path)
     return result;
 }
 
-bool Scrubber::active() const { return state_ != nullptr; }
+// ---------------------------------------------------------------------------
+// Streams
+// ---------------------------------------------------------------------------
 
-void Scrubber::reset()
+namespace {
+
+// Raw bytes [start, end) of the stream to replace, named for a secret.
+struct Span {
+    uint64_t start, end;
+    uint32_t secret;
+};
+
+}  // namespace
+
+// The stream is read twice at once: as it stands, and as a decoded view in
+// which every %XX is its byte. The decoded view runs only near a '%': once
+// the last escape is further back than the longest pattern, both views end
+// alike and so share the raw view's state.
+struct Scrubber::Stream::State {
+    explicit State(const SecretMatcher &a) : automaton(a) {}
+    const SecretMatcher &automaton;
+    Bytes pending;                     // raw bytes from base on, not yet sent
+    uint64_t base = 0, position = 0;   // stream offsets
+    uint32_t raw = 0;
+    bool decoding = false;
+    uint32_t decoded = 0;
+    uint32_t plain_left = 0;           // plain bytes until the views agree again
+    int escape = 0;                    // bytes of a "%X" seen so far
+    uint64_t escape_at = 0;
+    int escape_high = 0;
+    std::vector<uint64_t> starts;      // raw start of recent decoded bytes, a ring
+    uint64_t decoded_count = 0;
+    std::vector<Span> spans;           // sorted, neither overlapping nor touching
+
+    void add_span(uint64_t start, uint64_t end, uint32_t secret);
+    void emit_decoded(unsigned char byte, uint64_t start, uint64_t end, bool escaped);
+    void decode(unsigned char byte, uint64_t at);
+    void end_escape();
+    void start_decoding(uint64_t at);
+    uint64_t safe() const;
+    void send(bool final, std::vector<unsigned char> *out);
+};
+
+void Scrubber::Stream::State::add_span(uint64_t start, uint64_t end, uint32_t secret)
 {
-    if (state_)
-        state_->carry.clear();
+    size_t after = spans.size();
+    while (after > 0 && spans[after - 1].start > end)
+        --after;
+    size_t first = after;
+    while (first > 0 && spans[first - 1].end >= start)
+        --first;
+    Span merged = {start, end, secret};
+    for (size_t i = first; i < after; ++i) {
+        const Span &s = spans[i];
+        if (s.start < merged.start || (s.start == merged.start && s.secret < merged.secret))
+            merged.secret = s.secret;
+        merged.start = std::min(merged.start, s.start);
+        merged.end = std::max(merged.end, s.end);
+    }
+    spans.erase(spans.begin() + static_cast<std::ptrdiff_t>(first), spans.begin() + static_cast<std::ptrdiff_t>(after));
+    spans.insert(spans.begin() + static_cast<std::ptrdiff_t>(first), merged);
 }
 
-void Scrubber::feed(const unsigned char *data, size_t length, bool final, std::vector<unsigned char> *out)
+void Scrubber::Stream::State::emit_decoded(unsigned char byte, uint64_t start, uint64_t end, bool escaped)
 {
-    State &m = *state_;
-    Bytes &buffer = m.carry;
-    buffer.insert(buffer.end(), data, data + length);
-    // The carried tail is scanned again: a secret may start in it.
-    m.matches.clear();
-    uint32_t state = 0;
-    const unsigned char *bytes = buffer.data();
-    for (size_t i = 0; i < buffer.size(); ++i) {
-        state = m.next[state * m.classes + m.byte_class[bytes[i]]];
-        if (m.ends[state] != 0)
-            m.matches.push_back({i + 1 - m.ends[state], m.ends[state], m.pattern_of[state]});
+    const SecretMatcher &a = automaton;
+    decoded = a.step(decoded, byte);
+    starts[decoded_count++ % starts.size()] = start;
+    const uint32_t m = a.match[decoded];
+    if (m != NONE)
+        add_span(starts[(decoded_count - a.depth[m]) % starts.size()], end, a.owner[m]);
+    if (escaped)
+        plain_left = a.longest;
+    else if (plain_left > 0)
+        --plain_left;
+}
+
+void Scrubber::Stream::State::decode(unsigned char byte, uint64_t at)
+{
+    const int value = hex_value(byte);
+    if (escape == 0 && byte == '%') {
+        escape = 1, escape_at = at;
+    } else if (escape == 0) {
+        emit_decoded(byte, at, at + 1, false);
+    } else if (value >= 0 && escape == 1) {
+        escape = 2, escape_high = value;
+    } else if (value >= 0) {
+        escape = 0;
+        emit_decoded(static_cast<unsigned char>(escape_high << 4 | value), escape_at, at + 1, true);
+    } else {
+        end_escape();
+        decode(byte, at);
     }
-    // Leftmost first, the longest at each start, none overlapping.
-    std::sort(m.matches.begin(), m.matches.end(), [](const Match &a, const Match &b) {
-        return a.start != b.start ? a.start < b.start : a.length > b.length;
-    });
-    // Bytes from here on may begin a secret whose end has not come yet.
-    const size_t safe = final ? buffer.size() : buffer.size() - std::min(buffer.size(), m.longest - 1);
-    size_t at = 0;
-    for (const Match &match : m.matches) {
-        if (match.start < at)
-            continue;
-        if (match.start >= safe)
+}
+
+// A "%" or "%X" that turned out to be no escape: its bytes as they stand.
+void Scrubber::Stream::State::end_escape()
+{
+    const int seen = escape;
+    escape = 0;
+    if (seen >= 1)
+        emit_decoded('%', escape_at, escape_at + 1, false);
+    if (seen == 2)
+        emit_decoded(pending[escape_at + 1 - base], escape_at + 1, escape_at + 2, false);
+}
+
+void Scrubber::Stream::State::start_decoding(uint64_t at)
+{
+    // The views agree up to here: the decoded one starts from the raw state,
+    // its recent bytes the raw ones.
+    decoding = true;
+    decoded = raw;
+    plain_left = automaton.longest;
+    if (starts.empty())
+        starts.assign(automaton.longest, 0);
+    const uint64_t known = std::min<uint64_t>(automaton.longest, at);
+    decoded_count = known;
+    for (uint64_t i = 0; i < known; ++i)
+        starts[i % starts.size()] = at - known + i;
+}
+
+// Where the earliest match still to come may begin: before it every byte
+// is settled.
+uint64_t Scrubber::Stream::State::safe() const
+{
+    uint64_t safe = position - automaton.depth[raw];
+    if (decoding) {
+        uint64_t from = escape != 0 ? escape_at : position;
+        const uint32_t depth = automaton.depth[decoded];
+        if (depth > 0)
+            from = std::min(from, starts[(decoded_count - depth) % starts.size()]);
+        safe = std::min(safe, from);
+    }
+    return safe;
+}
+
+void Scrubber::Stream::State::send(bool final, std::vector<unsigned char> *out)
+{
+    const uint64_t settled = final ? position : safe();
+    uint64_t at = base;
+    size_t closed = 0;
+    for (; closed < spans.size(); ++closed) {
+        const Span &s = spans[closed];
+        // A span that ends where a match may still begin could grow.
+        if (!final && s.end >= settled && !(s.end == settled && s.end - s.start >= MAX_SPAN))
             break;
-        out->insert(out->end(), bytes + at, bytes + match.start);
-        const unsigned char *replacement = m.texts.data() + m.replacement[2 * match.pattern];
-        out->insert(out->end(), replacement, replacement + m.replacement[2 * match.pattern + 1]);
-        at = match.start + match.length;
+        out->insert(out->end(), pending.begin() + static_cast<std::ptrdiff_t>(at - base),
+                    pending.begin() + static_cast<std::ptrdiff_t>(s.start - base));
+        const unsigned char *text = automaton.replacement_text(s.secret);
+        out->insert(out->end(), text, text + automaton.replacement_size(s.secret));
+        at = s.end;
     }
-    const size_t kept = std::max(at, safe);
-    out->insert(out->end(), bytes + at, bytes + kept);
-    buffer.erase(buffer.begin(), buffer.begin() + static_cast<std::ptrdiff_t>(kept));
+    spans.erase(spans.begin(), spans.begin() + static_cast<std::ptrdiff_t>(closed));
+    const uint64_t until = spans.empty() ? settled : std::min(settled, spans.front().start);
+    if (until > at) {
+        out->insert(out->end(), pending.begin() + static_cast<std::ptrdiff_t>(at - base),
+                    pending.begin() + static_cast<std::ptrdiff_t>(until - base));
+        at = until;
+    }
+    pending.erase(pending.begin(), pending.begin() + static_cast<std::ptrdiff_t>(at - base));
+    base = at;
 }
 
-std::string Scrubber::text(const std::string &raw)
+Scrubber::Stream::Stream(const Scrubber &scrubber) : scrubber_(scrubber) {}
+Scrubber::Stream::~Stream() = default;
+
+void Scrubber::Stream::reset() { state_.reset(); }
+
+void Scrubber::Stream::feed(const unsigned char *data, size_t length, bool final, std::vector<unsigned char> *out)
 {
     if (!state_)
+        state_ = std::make_unique<State>(*scrubber_.automaton_);
+    State &s = *state_;
+    const SecretMatcher &a = s.automaton;
+    s.pending.insert(s.pending.end(), data, data + length);
+    // The hot loop: the raw view's state in a register, the tables at hand.
+    const uint32_t *root = a.root, *child = a.child.data(), *sibling = a.sibling.data(), *fail = a.fail.data();
+    const uint32_t *match = a.match.data();
+    const unsigned char *label = a.label.data();
+    uint32_t state = s.raw;
+    for (size_t i = 0; i < length; ++i) {
+        const unsigned char byte = data[i];
+        if (byte == '%' || s.decoding) {
+            if (!s.decoding)
+                s.raw = state, s.start_decoding(s.position + i);
+            s.decode(byte, s.position + i);
+            s.decoding = s.escape != 0 || s.plain_left > 0;
+        }
+        for (;;) {
+            if (state == 0) {
+                state = root[byte];
+                break;
+            }
+            uint32_t c = child[state];
+            while (c != NONE && label[c] != byte)
+                c = sibling[c];
+            if (c != NONE) {
+                state = c;
+                break;
+            }
+            state = fail[state];
+        }
+        const uint32_t m = match[state];
+        if (m != NONE)
+            s.add_span(s.position + i + 1 - a.depth[m], s.position + i + 1, a.owner[m]);
+    }
+    s.raw = state;
+    s.position += length;
+    if (final)
+        s.end_escape();
+    s.send(final, out);
+    if (final)
+        state_.reset();
+}
+
+std::string Scrubber::text(const std::string &raw) const
+{
+    if (!active())
         return raw;
-    // The stream's carried tail is set aside: names are scrubbed between
-    // pieces of data.
-    Bytes saved;
-    saved.swap(state_->carry);
+    Stream whole(*this);
     std::vector<unsigned char> out;
-    feed(reinterpret_cast<const unsigned char *>(raw.data()), raw.size(), true, &out);
-    state_->carry.swap(saved);
+    whole.feed(reinterpret_cast<const unsigned char *>(raw.data()), raw.size(), true, &out);
     return std::string(out.begin(), out.end());
 }

@@ -92,9 +92,32 @@ Result Certificate::load(const std::string &path)
         certificate_ = PEM_read_X509(file, nullptr, nullptr, nullptr);
         fclose(file);
     }
-    if (certificate_ != nullptr)
+    if (certificate_ == nullptr) {
+        fprintf(stderr, _("Unable to read a PEM certificate from %s\n"), path.c_str());
+        return Result::refused;
+    }
+    // Only keys that CMS can encrypt to: RSA (key transport) and EC (key agreement).
+    const EVP_PKEY *key = X509_get0_pubkey(certificate_);
+    const int type = key != nullptr ? EVP_PKEY_get_base_id(key) : EVP_PKEY_NONE;
+    if (type != EVP_PKEY_RSA && type != EVP_PKEY_EC) {
+        fprintf(stderr, _("Refusing certificate %s: its key cannot receive an encrypted archive (RSA or EC only)\n"),
+                path.c_str());
+        return Result::refused;
+    }
+    const ASN1_TIME *from = X509_get0_notBefore(certificate_), *until = X509_get0_notAfter(certificate_);
+    if (X509_cmp_current_time(from) < 0 && X509_cmp_current_time(until) > 0)
         return Result::ok;
-    fprintf(stderr, _("Unable to read a PEM certificate from %s\n"), path.c_str());
+    std::string dates[2];
+    for (int i = 0; i < 2; ++i) {
+        std::unique_ptr<BIO, BioFree> text(BIO_new(BIO_s_mem()));
+        char *data = nullptr;
+        if (text && ASN1_TIME_print(text.get(), i == 0 ? from : until) == 1) {
+            const long length = BIO_get_mem_data(text.get(), &data);
+            dates[i].assign(data, static_cast<size_t>(length));
+        }
+    }
+    fprintf(stderr, _("Refusing certificate %s: valid from %s until %s, not now\n"), path.c_str(), dates[0].c_str(),
+            dates[1].c_str());
     return Result::refused;
 }
 

@@ -23,6 +23,14 @@ bool TextBuffer::add(const void *data, size_t length)
     return true;
 }
 
+bool TextBuffer::add_capped(const void *data, size_t length)
+{
+    const size_t room = CAP - text_.size();
+    const bool fits = add(data, length < room ? length : room);
+    full_ = length >= room;
+    return fits && !full_;
+}
+
 int TextBuffer::printf(const char *format, ...)
 {
     va_list arguments;

@@ -16,6 +16,8 @@ public:
     // without memory.
     bool add(const void *data, size_t length);
     bool add(const std::string &text) { return text.empty() || add(text.data(), text.size()); }
+    // Appends as much as fits below the cap; false once it is reached.
+    bool add_capped(const void *data, size_t length);
     // Formats as printf does and appends; the bytes appended, or -1.
     int printf(const char *format, ...) __attribute__((format(printf, 2, 3)));
     // Appends what fd has to give now, without waiting for its end: 0, or

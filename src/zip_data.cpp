@@ -52,8 +52,8 @@ ssize_t read_full(int fd, unsigned char *buffer, size_t want)
 
 }  // namespace
 
-ZipData::ZipData(Sink &sink, Scrubber &scrub, int level, bool hash)
-    : sink_(sink), scrub_(scrub), level_(level), hash_(hash), output_(new unsigned char[OUTPUT_SIZE]),
+ZipData::ZipData(Sink &sink, const Scrubber &scrub, int level, bool hash)
+    : sink_(sink), scrub_(scrub), scrub_stream_(scrub), level_(level), hash_(hash), output_(new unsigned char[OUTPUT_SIZE]),
       input_(new unsigned char[FILE_READ_SIZE])
 {
     if (hash_)
@@ -115,7 +115,7 @@ int ZipData::begin_member(ZipMember &member)
     const int started = start_stream();
     if (started != Z_OK)
         return started;
-    scrub_.reset();
+    scrub_stream_.reset();
     if (hash_) {
         digest_->restart();
         member.started_ms = clock_ms(CLOCK_REALTIME);
@@ -266,7 +266,7 @@ int ZipData::chunk(ZipMember &member, const void *data, unsigned length, int flu
     if (scrub_.active()) {
         scrubbed_.clear();
         try {
-            scrub_.feed(static_cast<const unsigned char *>(data), length, flush == Z_FINISH, &scrubbed_);
+            scrub_stream_.feed(static_cast<const unsigned char *>(data), length, flush == Z_FINISH, &scrubbed_);
         } catch (const std::bad_alloc &) {
             report_zlib_error(Z_MEM_ERROR);
             return Z_MEM_ERROR;
@@ -274,6 +274,11 @@ int ZipData::chunk(ZipMember &member, const void *data, unsigned length, int flu
         data = scrubbed_.data() != nullptr ? scrubbed_.data() : data;
         length = static_cast<unsigned>(scrubbed_.size());
     }
+    return put(member, data, length, flush);
+}
+
+int ZipData::put(ZipMember &member, const void *data, unsigned length, int flush)
+{
     // Past the member limit the rest of the data is dropped: the member
     // stays valid and the producer says in its ".err" member where it ended.
     const uint64_t room = member.data_in < ZIP_MEMBER_LIMIT ? ZIP_MEMBER_LIMIT - member.data_in : 0;
@@ -357,7 +362,7 @@ int ZipData::from_text(ZipMember &member, const TextBuffer &text, int finish)
 {
     int result = Z_OK;
     text.each_piece([&](const char *piece, size_t length, bool last) {
-        result = chunk(member, piece, static_cast<unsigned>(length), last ? finish : Z_NO_FLUSH);
+        result = put(member, piece, static_cast<unsigned>(length), last ? finish : Z_NO_FLUSH);
         return !piece_failed(result);
     });
     return result;

@@ -19,7 +19,7 @@
 class ZipData {
 public:
     // level: zlib's (0 stores); hash: members get a SHA-256 and timing.
-    ZipData(Sink &sink, Scrubber &scrub, int level, bool hash);
+    ZipData(Sink &sink, const Scrubber &scrub, int level, bool hash);
     ~ZipData();
     ZipData(const ZipData &) = delete;
     ZipData &operator=(const ZipData &) = delete;
@@ -43,6 +43,9 @@ public:
     // failed.
     int begin_member(ZipMember &member);
     int chunk(ZipMember &member, const void *data, unsigned length, int flush);
+    // The same for text scrubbed where it was made: it skips the scrubber.
+    // A member takes its pieces one way or the other, never both.
+    int put(ZipMember &member, const void *data, unsigned length, int flush);
     // A collected file's descriptor, up to the size it declared (to its end
     // for size 0): 0, a read's errno (also in *read_error), or a failed
     // piece's result.
@@ -50,7 +53,7 @@ public:
     // What a descriptor has now; with Z_FINISH the member's data ends here.
     // 0, a read's errno, or a failed piece's result.
     int from_fd(ZipMember &member, int fd, int final_flush);
-    // Buffered text; finish flushes its last piece.
+    // Buffered text, scrubbed where it was made; finish flushes its last piece.
     int from_text(ZipMember &member, const TextBuffer &text, int finish);
     // Sizes, SHA-256 and duration complete, before the descriptor.
     void end_member(ZipMember &member);
@@ -84,7 +87,8 @@ private:
     void rewind_output();
 
     Sink &sink_;
-    Scrubber &scrub_;
+    const Scrubber &scrub_;
+    Scrubber::Stream scrub_stream_;
     const int level_;
     const bool hash_;
     z_stream stream_{};

@@ -9,6 +9,9 @@
 #include <openssl/evp.h>
 
 #include <map>
+#include <set>
+#include <signal.h>
+#include <unistd.h>
 #include <regex>
 
 #include "testsupport.h"
@@ -116,11 +119,16 @@ TEST(Trust, EncryptionsAndChecksumsReadByTheStockTools)
     }
 }
 
+// Secrets are scrubbed where text is born: in data, in standard error before its cap
+// (a secret the cap cuts leaves no first bytes), in command lines before they become
+// member names, progress names and manifest values (a '/', '\' or '"' in a secret
+// changes nothing), and in the archive's name in the download header.
 TEST(Trust, ScrubbedSecretsAppearInNoExtractedByte)
 {
     qt::TempDir dir;
-    const std::string secret = "p@ss w/rd:Secret!42", token = "tok-7f3a9c2e1b";
-    ASSERT_TRUE(qt::write_file(dir.file("secrets"), "# the controller's own\nadmin=" + secret + "\napi=" + token + "\n", 0600));
+    const std::string secret = "p@ss w/rd:Secret!42", token = "tok-7f3a9c2e1b", odd = "ab/c\\d\"e99";
+    ASSERT_TRUE(qt::write_file(dir.file("secrets"), "# the controller's own\r\nadmin=" + secret + "\r\napi=" + token +
+                                                        "\nodd=" + odd + "\n", 0600));
     auto base64 = [](const std::string &data) {
         std::string out(4 * ((data.size() + 2) / 3) + 1, '\0');
         out.resize(size_t(EVP_EncodeBlock(reinterpret_cast<unsigned char *>(&out[0]),
@@ -128,15 +136,16 @@ TEST(Trust, ScrubbedSecretsAppearInNoExtractedByte)
         return out;
     };
     // At the start and end of a member, across the 32 KB file read and 1 KB pipe reads,
-    // percent-encoded, and in base64 after 0, 1 and 2 bytes of something else.
+    // percent-encoded (all of it, or a mix), and in base64 after 0, 1 and 2 bytes of
+    // something else.
     std::string planted = secret + "\n" + std::string(32768 - 7 - secret.size() - 1, 'a') + secret + "\n", percent;
     for (unsigned char c : secret) {
         char hex[4];
         snprintf(hex, sizeof hex, "%%%02X", c);
         percent += isalnum(c) || c == '-' || c == '.' || c == '_' ? std::string(1, static_cast<char>(c)) : hex;
     }
-    planted += "url=" + percent + "&x\n";
-    std::vector<std::string> forms = {secret, token, percent};
+    planted += "url=" + percent + "&x\nmix=p%40ss%20w/rd%3aSecret!42\n";
+    std::vector<std::string> forms = {secret, token, percent, odd, "p%40ss", token.substr(0, 4)};
     for (size_t align = 0; align < 3; ++align) {
         const std::string encoded = base64(std::string(align, 'x') + secret + "tail");
         planted += "b64=" + encoded + "\n";
@@ -145,29 +154,123 @@ TEST(Trust, ScrubbedSecretsAppearInNoExtractedByte)
     }
     ASSERT_TRUE(qt::write_file(dir.file("data"), planted + "key " + token));
     const std::string noisy = qt::script(dir, "noisy", "cat " + dir.file("data") + " >&2\necho " + token + "\n");
-    const qt::Collection c = qt::collect(dir, {"file i,-,y,y f " + dir.file("data") + "\ncmd i,-,y,n c /bin/cat " +
-                                               dir.file("data") + "\ncmd i,-,y,n n " + noisy + "\ncmd i,-,y,n gone /bin/missing-" +
-                                               token + "\n", {"-L", "i", "--scrub=secrets", "--manifest"}});
-    ASSERT_EQ(c.run.status, 0) << c.run.err;
-    // Sizes and CRCs are the scrubbed data's: no reader flags anything.
-    EXPECT_EQ(c.zip.problems, "");
-    size_t redactions = 0;
-    for (const qt::Member &m : c.zip.members) {
+    // The token's first bytes inside the cap, the rest past it.
+    const std::string capped = qt::script(dir, "capped", "head -c 262140 /dev/zero | tr '\\0' e >&2\necho " + token + " >&2\n");
+    const std::string config = "file i,-,y,y f " + dir.file("data") + "\ncmd i,-,y,n c /bin/cat " + dir.file("data") +
+                               "\ncmd i,-,y,n n " + noisy + "\ncmd i,-,y,n gone /bin/missing-" + token +
+                               "\ncmd i,-,y,n arg /bin/echo " + odd + "\ncmd i,-,y,n cap " + capped + "\n";
+    for (const std::string out : {"out.zip", "-"}) {
+        SCOPED_TRACE(out);
+        qt::Collect asked{config, {"-L", "i", "--scrub=secrets", "--manifest", "-v"}, out};
+        if (out == "-")  // the archive's name holds a secret: so do its header, README and member names
+            asked.args.push_back("-b"), asked.archive = token + ".zip";
+        const std::string top = out == "-" ? "[REDACTED:api]/" : "t/";
+        asked.progress = true;
+        const qt::Collection c = qt::collect(dir, asked);
+        ASSERT_EQ(c.run.status, 0) << c.run.err;
+        // Sizes and CRCs are the scrubbed data's: no reader flags anything.
+        EXPECT_EQ(c.zip.problems, "");
+        size_t redactions = 0;
+        std::string everything = c.header + c.run.out + c.run.err;
+        for (const std::string &line : c.progress)
+            everything += line + "\n";
+        for (const qt::Member &m : c.zip.members) {
+            everything += m.name + m.data;
+            for (size_t at = 0; (at = m.data.find("[REDACTED:admin]", at)) != std::string::npos; ++at)
+                ++redactions;
+        }
         for (const std::string &form : forms)
-            EXPECT_EQ((m.name + m.data).find(form), std::string::npos) << m.name << " holds " << form;
-        for (size_t at = 0; (at = m.data.find("[REDACTED:admin]", at)) != std::string::npos; ++at)
-            ++redactions;
+            EXPECT_EQ(everything.find(form), std::string::npos) << "holds " << form;
+        EXPECT_EQ(redactions, 3u * (2 + 2 + 3));  // the file, its copy on stdout and on stderr
+        const qt::Member *file = c.zip.find(top + "f/" + qt::flat(dir.file("data")));
+        ASSERT_NE(file, nullptr);
+        EXPECT_EQ(file->data.substr(0, 17), "[REDACTED:admin]\n");
+        EXPECT_NE(c.zip.find(top + "arg/@bin@echo_[REDACTED:odd].out"), nullptr);
+        EXPECT_EQ(c.header.find("filename=\"[REDACTED:api].zip\"") != std::string::npos ||
+                      c.header.find("filename=[REDACTED:api].zip") != std::string::npos, out == "-");
+        const qt::Member *cut = c.zip.find(top + "cap/" + qt::flat(capped) + ".err");
+        ASSERT_NE(cut, nullptr);
+        EXPECT_EQ(cut->data, std::string(262140, 'e') + "[RED");
     }
-    EXPECT_EQ(redactions, 3u * (2 + 1 + 3));  // the file, its copy on stdout and on stderr
-    const qt::Member *file = c.zip.find("t/f/" + qt::flat(dir.file("data")));
-    ASSERT_NE(file, nullptr);
-    EXPECT_EQ(file->data.substr(0, 17), "[REDACTED:admin]\n");
-    // A scrub file that others may read is refused before anything is collected.
-    for (mode_t mode : {0644, 0640, 0604}) {
-        chmod(dir.file("secrets").c_str(), mode);
-        const qt::Collection refused = qt::collect(dir, {"", {"--scrub=secrets"}, "r.zip"});
-        EXPECT_EQ(std::to_string(refused.run.status) + " " + refused.run.err,
-                  "1 Refusing scrub file secrets: it must be a regular file readable only by its owner\n");
-        EXPECT_FALSE(qt::file_exists(dir.file("r.zip")));
+}
+
+// Every refusal comes before the output is touched, so an earlier archive stays; a
+// link planted at the archive's or the checksum's name is replaced, never followed;
+// a checksum that cannot be written fails the run and keeps the archive.
+TEST(Trust, RefusalsAndLinksLeaveEveryFileAlone)
+{
+    qt::TempDir dir;
+    ASSERT_TRUE(qt::make_certificate(dir) && qt::write_file(dir.file("junk.pem"), "junk\n"));
+    ASSERT_EQ(qt::run_program("/usr/bin/openssl", {"req", "-x509", "-newkey", "ed25519", "-nodes", "-subj", "/CN=x",
+                                                   "-keyout", dir.file("ed.key"), "-out", dir.file("ed.pem")}).status, 0);
+    const qt::RunResult old = qt::run_program("/usr/bin/python3", {"-c", R"(import datetime, sys
+from cryptography import x509
+from cryptography.hazmat.primitives import hashes, serialization
+from cryptography.hazmat.primitives.asymmetric import rsa
+key = rsa.generate_private_key(public_exponent=65537, key_size=2048)
+name = x509.Name([x509.NameAttribute(x509.oid.NameOID.COMMON_NAME, 'old')])
+when = datetime.datetime(2020, 1, 1)
+cert = x509.CertificateBuilder().subject_name(name).issuer_name(name).public_key(key.public_key()).serial_number(1)
+cert = cert.not_valid_before(when).not_valid_after(when + datetime.timedelta(days=1)).sign(key, hashes.SHA256())
+open(sys.argv[1], 'wb').write(cert.public_bytes(serialization.Encoding.PEM)))", dir.file("old.pem")});
+    ASSERT_EQ(old.status, 0) << old.err;
+    ASSERT_EQ(mkdir(dir.file("adir").c_str(), 0755), 0);
+    const struct { std::vector<std::string> args; std::string out; int status; std::string err; int signo; } CASES[] = {
+        {{"--recipient=junk.pem"}, "out.zip", 1, "Unable to read a PEM certificate from junk.pem\n", 0},
+        {{"--recipient=ed.pem"}, "out.zip", 1, "Refusing certificate ed.pem: its key cannot receive an encrypted archive (RSA or EC only)\n", 0},
+        {{"--recipient=old.pem"}, "out.zip", 1, "Refusing certificate old.pem: valid from Jan  1 00:00:00 2020 GMT until Jan  2 00:00:00 2020 GMT, not now\n", 0},
+        {{"--checksum=./out.zip"}, "out.zip", 1, "Refusing checksum file ./out.zip: it is the archive's own file\n", 0},
+        {{"--checksum=/dev/stdout"}, "-", 1, "Refusing checksum file /dev/stdout: it is standard output\n", 0},
+        {{"--checksum=adir"}, "out.zip", 1, "Refusing checksum file adir: it is a directory\n", 0},
+        {{}, "out.zip", 5, "Data capture interrupted by user.  Attempting to remove archive.\n", SIGTERM},
+        {{"--checksum=sums/t.sha256"}, "out.zip", 2, "Unable to write the checksum to sums/t.sha256: No such file or directory\n", SIGCONT},
+        {{"--checksum=link.sum"}, "link.zip", 0, "", 0},
+    };
+    for (const auto &c : CASES) {
+        SCOPED_TRACE(c.err);
+        ASSERT_TRUE(qt::write_file(dir.file("out.zip"), "earlier\n") && qt::write_file(dir.file("victim"), "kept\n"));
+        for (const char *link : {"link.zip", "link.sum"}) {
+            unlink(dir.file(link).c_str());
+            ASSERT_EQ(symlink(dir.file("victim").c_str(), dir.file(link).c_str()), 0);
+        }
+        mkdir(dir.file("sums").c_str(), 0755);
+        qt::Collect asked{"cmd i,-,y,n a /bin/echo a\ncmd i,5,y,n s /bin/sleep 1\n", c.args, c.out};
+        asked.args.insert(asked.args.end(), {"-L", "i"});
+        asked.job.during = [&](pid_t pid) {
+            usleep(400000);  // into the sleep
+            if (c.signo == SIGCONT)  // the checksum's directory goes away
+                EXPECT_EQ(system(("rm -r " + dir.file("sums")).c_str()), 0);
+            else if (c.signo != 0)
+                kill(pid, c.signo);
+        };
+        const qt::Collection got = qt::collect(dir, asked);
+        EXPECT_EQ(std::to_string(got.run.status) + " " + got.run.err.substr(0, c.err.size()), std::to_string(c.status) + " " + c.err);
+        EXPECT_EQ(qt::read_file(dir.file("victim")), "kept\n");
+        EXPECT_EQ(qt::read_file(dir.file("out.zip")) == "earlier\n", c.status != 2);
+        EXPECT_EQ(qt::run_program("/bin/sh", {"-c", "ls -a " + dir.path() + " | grep -c '^\\.[a-z].*\\.'"}).out, "0\n");
+        if (c.status == 0) {
+            EXPECT_EQ(got.zip.problems, "");
+            EXPECT_EQ(qt::read_file(dir.file("link.sum")), qt::sha256(qt::read_file(dir.file("link.zip"))) + "  link.zip\n");
+        }
     }
+}
+
+// MANIFEST.json is valid JSON whatever bytes a name holds: each byte that is not UTF-8
+// shows as U+FFFD, and the exact bytes follow in base64, so no two names merge.
+TEST(Trust, ManifestKeepsNamesThatAreNotUtf8)
+{
+    qt::TempDir dir;
+    ASSERT_TRUE(qt::write_file(dir.file("a\xfe"), "one\n") && qt::write_file(dir.file("a\xff"), "two\n"));
+    const qt::Collection c = qt::collect(dir, {"log i,-,y,n f " + dir.file("a*") + "\n", {"-L", "i", "--manifest"}, "o\xff.zip"});
+    ASSERT_EQ(c.run.status, 0) << c.run.err;
+    ASSERT_EQ(c.zip.problems, "");
+    ASSERT_EQ(c.zip.names().back(), "t/MANIFEST.json");
+    const nlohmann::json manifest = nlohmann::json::parse(c.zip.members.back().data);
+    EXPECT_EQ(manifest["options"]["output"], "o\xef\xbf\xbd.zip");
+    EXPECT_EQ(manifest["options"]["output_base64"], "b/8uemlw");
+    std::set<std::string> exact;
+    for (const auto &member : manifest["members"])
+        if (member.contains("name_base64"))
+            exact.insert(member["name_base64"].get<std::string>());
+    EXPECT_EQ(exact.size(), 2u);
 }

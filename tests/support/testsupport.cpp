@@ -474,7 +474,7 @@ Collection collect(const TempDir &dir, const Collect &c)
     Collection result;
     write_file(dir.file("q.conf"), c.config);
     const std::string written = c.out == "-" ? dir.file("stdout") : dir.file(c.out);
-    std::vector<std::string> args = {"-f", "q.conf", "-a", "t.zip", "-o", c.out};
+    std::vector<std::string> args = {"-f", "q.conf", "-a", c.archive, "-o", c.out};
     args.insert(args.end(), c.args.begin(), c.args.end());
     RunSpec job = c.job;
     if (c.progress) {

@@ -105,7 +105,7 @@ Archive read_archive(const std::string &path, const std::set<std::string> &flagg
 std::string openssl_decrypt(const std::string &in, const std::string &password, const std::string &out);
 
 // One collection: config written to dir/q.conf, then
-// quelvane -f q.conf -a t.zip -o OUT ARGS; the archive (behind any download
+// quelvane -f q.conf -a ARCHIVE -o OUT ARGS; the archive (behind any download
 // header, decrypted with the password) read with read_archive.
 struct Collect {
     Collect(std::string config_ = "", std::vector<std::string> args_ = {}, std::string out_ = "out.zip",
@@ -117,6 +117,7 @@ struct Collect {
     std::vector<std::string> args;
     std::string out;  // as given to -o, in dir; "-": standard output
     std::string password;
+    std::string archive = "t.zip";  // -a
     std::set<std::string> flagged;
     bool progress = false;  // --progress-fd=3 into dir/progress
     RunSpec job;

@@ -1,5 +1,5 @@
 // The configuration's lines, files and names; the signal actions; gentle mode's
-// pressure test; the scrubber over every split of its input.
+// pressure test; the scrubber against a plain whole-text rule, and its file.
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
@@ -7,6 +7,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <random>
+#include <tuple>
 
 #include "context.h"
 #include "signals.h"
@@ -150,28 +152,102 @@ TEST(Pacing, PressureIsSomeAverageOverTenSeconds)
         EXPECT_EQ(pressure_high(c.text, 40.0), c.high) << (c.text ? c.text : "null");
 }
 
-// A secret is replaced wherever the pieces of data split it; the longest secret wins where
-// two start together; a part of one at the very end is kept as it stands. Names are
-// scrubbed before they are flattened.
-TEST(Scrub, EverySplitGivesTheWholeTextsResult)
+// The scrubber's result by the plain rule, on the whole text at once: every
+// occurrence of a value (or of its decoded form) in the raw text or in its
+// %XX-decoded view covers its raw bytes; covered runs that overlap or touch
+// become one replacement, named for the leftmost match (then the first
+// secret). Values of 4-5 bytes have no base64 form to look for.
+std::string reference_scrub(const std::vector<std::pair<std::string, std::string>> &secrets, const std::string &text)
+{
+    auto decode = [](const std::string &raw, std::vector<size_t> *start, std::vector<size_t> *end) {
+        std::string decoded;
+        for (size_t i = 0; i < raw.size(); ++i) {
+            const bool escape = raw[i] == '%' && i + 2 < raw.size() && isxdigit(raw[i + 1]) && isxdigit(raw[i + 2]);
+            decoded += escape ? static_cast<char>(std::stoi(raw.substr(i + 1, 2), nullptr, 16)) : raw[i];
+            start->push_back(i);
+            end->push_back(i += escape ? 2 : 0);
+        }
+        return decoded;
+    };
+    std::vector<size_t> raw_start, raw_end, start, end;
+    for (size_t i = 0; i < text.size(); ++i)
+        raw_start.push_back(i), raw_end.push_back(i);
+    const std::string decoded = decode(text, &start, &end);
+    struct Cover { size_t from, to, secret; };
+    std::vector<Cover> covers;
+    for (size_t s = 0; s < secrets.size(); ++s) {
+        std::vector<size_t> unused[2];
+        for (const std::string &form : {secrets[s].second, decode(secrets[s].second, &unused[0], &unused[1])})
+            for (const auto &view : {std::tie(text, raw_start, raw_end), std::tie(decoded, start, end)})
+                for (size_t at = 0; (at = std::get<0>(view).find(form, at)) != std::string::npos; ++at)
+                    covers.push_back({std::get<1>(view)[at], std::get<2>(view)[at + form.size() - 1] + 1, s});
+    }
+    std::sort(covers.begin(), covers.end(), [](const Cover &a, const Cover &b) {
+        return a.from != b.from ? a.from < b.from : a.secret < b.secret;
+    });
+    std::string out;
+    size_t at = 0;
+    for (size_t i = 0; i < covers.size();) {
+        Cover run = covers[i];
+        while (++i < covers.size() && covers[i].from <= run.to)
+            run.to = std::max(run.to, covers[i].to);
+        out += text.substr(at, run.from - at) + "[REDACTED:" + secrets[run.secret].first + "]";
+        at = run.to;
+    }
+    return out + text.substr(at);
+}
+
+// The streaming scrubber agrees with the plain rule on random secrets and
+// texts (small alphabets, so that secrets overlap, touch and come
+// percent-encoded), however the text is split.
+TEST(Scrub, StreamAgreesWithTheWholeTextRule)
 {
     qt::TempDir dir;
-    ASSERT_TRUE(qt::write_file(dir.file("secrets"), "long=secretvalue\nshort=secret\npath=/s3cr/et\n", 0600));
-    Scrubber scrub;
-    ASSERT_EQ(scrub.load(dir.file("secrets")), Result::ok);
-    const std::string text = "xsecretvaluey secret zsecretvalu",
-                      expected = "x[REDACTED:long]y [REDACTED:short] z[REDACTED:short]valu";
-    const auto *bytes = reinterpret_cast<const unsigned char *>(text.data());
-    for (size_t i = 0; i <= text.size(); ++i) {
-        for (size_t j = i; j <= text.size(); ++j) {
+    std::mt19937 random(12345);
+    auto pick = [&](const std::string &alphabet, size_t length) {
+        std::string text;
+        while (text.size() < length)
+            text += alphabet[random() % alphabet.size()];
+        return text;
+    };
+    for (int set = 0; set < 400; ++set) {
+        std::vector<std::pair<std::string, std::string>> secrets;
+        std::string file;
+        for (size_t n = 1 + random() % 3; secrets.size() < n;) {
+            secrets.push_back({"s" + std::to_string(secrets.size()), pick("ab%61", 4 + random() % 2)});
+            file += secrets.back().first + "=" + secrets.back().second + "\n";
+        }
+        ASSERT_TRUE(qt::write_file(dir.file("secrets"), file, 0600));
+        Scrubber scrub;
+        ASSERT_EQ(scrub.load(dir.file("secrets")), Result::ok);
+        Scrubber::Stream stream(scrub);
+        for (int round = 0; round < 10; ++round) {
+            std::string text = pick("ab%61A", random() % 40);
+            text.insert(random() % (text.size() + 1), secrets[random() % secrets.size()].second);
+            const std::string expected = reference_scrub(secrets, text);
+            ASSERT_EQ(scrub.text(text), expected) << file << text;
+            size_t cut[2] = {random() % (text.size() + 1), random() % (text.size() + 1)};
+            std::sort(cut, cut + 2);
             std::vector<unsigned char> out;
-            scrub.reset();
-            scrub.feed(bytes, i, false, &out);
-            scrub.feed(bytes + i, j - i, false, &out);
-            scrub.feed(bytes + j, text.size() - j, true, &out);
-            ASSERT_EQ(std::string(out.begin(), out.end()), expected) << i << " " << j;
+            const auto *bytes = reinterpret_cast<const unsigned char *>(text.data());
+            stream.feed(bytes, cut[0], false, &out);
+            stream.feed(bytes + cut[0], cut[1] - cut[0], false, &out);
+            stream.feed(bytes + cut[1], text.size() - cut[1], true, &out);
+            ASSERT_EQ(std::string(out.begin(), out.end()), expected) << file << text << " cut " << cut[0] << " " << cut[1];
         }
     }
+}
+
+// Base64 at every alignment, and names scrubbed before they are flattened.
+TEST(Scrub, Base64FormsAndNames)
+{
+    qt::TempDir dir;
+    ASSERT_TRUE(qt::write_file(dir.file("secrets"), "path=/s3cr/et\r\n# the CR above is dropped\nk=0123456789\n", 0600));
+    Scrubber scrub;
+    ASSERT_EQ(scrub.load(dir.file("secrets")), Result::ok);
+    // "0123456789" after 0, 1 and 2 other bytes, in base64.
+    EXPECT_EQ(scrub.text("MDEyMzQ1Njc4OQ== eDAxMjM0NTY3ODk= eHgwMTIzNDU2Nzg5"),
+              "[REDACTED:k]Q== eD[REDACTED:k]k= eHg[REDACTED:k]");
     ConfigEntry entry;
     entry.member_name = "t/cmd";
     Pacing pacing;
@@ -181,6 +257,52 @@ TEST(Scrub, EverySplitGivesTheWholeTextsResult)
     ZipWriter zip(sink, scrub, 6, false);
     Context context(console, progress, pacing, scrub, zip, "t");
     EXPECT_EQ(context.command_names(entry, "/bin/cat /s3cr/et").out, "t/cmd/@bin@cat_[REDACTED:path].out");
+}
+
+// A scrub file is refused, with the line at fault, unless it is a regular
+// file of root's or ours that only its owner reads, of name=value lines.
+TEST(Scrub, FileRules)
+{
+    qt::TempDir dir;
+    const std::string path = dir.file("secrets"), at = "Scrub file " + path + ", line 2: ";
+    const struct { std::string text; unsigned mode; int kind; std::string said; } CASES[] = {
+        {"a=four\nb=five \n", 0600, 0, at + "the value begins or ends with a blank\n"},
+        {"a=four\nb= five\n", 0600, 0, at + "the value begins or ends with a blank\n"},
+        {"a=four\nb=\r\n", 0600, 0, at + "the value is empty\n"},
+        {"a=four\na=five\n", 0600, 0, at + "the name is used twice\n"},
+        {"a=four\nb=abc\n", 0600, 0, at + "the value must be 4 to 4096 bytes\n"},
+        {"a=four\nb=" + std::string(4097, 'x') + "\n", 0600, 0, at + "the value must be 4 to 4096 bytes\n"},
+        {"a=four\nno equals\n", 0600, 0, at + "expected name=value, the name of letters, digits, '_', '.' or '-'\n"},
+        {"# nothing\n", 0600, 0, "Scrub file " + path + " holds no secrets\n"},
+        {"a=four\n", 0640, 0, "Refusing scrub file " + path + ": it must be a regular file readable only by its owner\n"},
+        {"a=four\n", 0600, 1, "Refusing scrub file " + path + ": it belongs to neither root nor the caller\n"},
+        {"", 0600, 2, "Refusing scrub file " + path + ": it is a symbolic link\n"},
+        {"", 0600, 3, "Refusing scrub file " + path + ": it must be a regular file readable only by its owner\n"},
+    };
+    for (const auto &c : CASES) {
+        SCOPED_TRACE(c.said);
+        unlink(path.c_str());
+        if (c.kind == 2)
+            ASSERT_EQ(symlink(dir.file("elsewhere").c_str(), path.c_str()), 0);
+        else if (c.kind == 3)  // a FIFO nobody writes: never waited on
+            ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+        else
+            ASSERT_TRUE(qt::write_file(path, c.text, c.mode));
+        if (c.kind == 1) {
+            ASSERT_EQ(chown(path.c_str(), 12345, 12345), 0) << "needs root";
+        }
+        Scrubber scrub;
+        Result result = Result::ok;
+        EXPECT_EQ(qt::capture_stderr([&] { result = scrub.load(path); }), c.said);
+        EXPECT_EQ(result, Result::refused);
+    }
+    std::string many;  // 10,000 secrets at most
+    for (int i = 0; i <= 10000; ++i)
+        many += "n" + std::to_string(i) + "=secret" + std::to_string(i) + "\n";
+    unlink(path.c_str());
+    ASSERT_TRUE(qt::write_file(path, many, 0600));
+    Scrubber scrub;
+    EXPECT_EQ(qt::capture_stderr([&] { scrub.load(path); }), "Scrub file " + path + ", line 10001: more than 10000 secrets\n");
 }
 
 }  // namespace
