@@ -1,6 +1,6 @@
 // Whole runs: members, names, order, contents, console lines and error counts in every
 // output mode; dataset selection and bad configuration lines; commands past their
-// time-out or flooding; interrupts; nothing held back from a download.
+// time-out or flooding; nothing held back from a download.
 #include <gtest/gtest.h>
 
 #include <signal.h>
@@ -233,41 +233,6 @@ TEST(Commands, TimeOutsGroupsAndFloods)
 #else
     EXPECT_LT(c.run.maxrss_kb, base.run.maxrss_kb + 1024);
 #endif
-}
-
-// An interrupt while a command runs: SIGTERM to its group, no further entry, the archive
-// completed (seen in download mode) and removed (file); exit 5.
-TEST(Commands, InterruptStopsTheRunAndTheCommandGroup)
-{
-    for (int signo : {SIGINT, SIGTERM}) {
-        qt::TempDir dir;
-        const std::string started = dir.file("started"), got_term = dir.file("got-term");
-        const std::string waits = qt::script(dir, "waits", "trap 'echo term > " + got_term + "; exit 0' TERM\nexec 2>&-\n"
-                                                           "echo waiting; touch " + started + "\nwhile :; do sleep 0.1; done\n");
-        qt::Collect asked{"cmd i,30,y,n waits " + waits + "\ncmd i,-,y,n next /bin/echo next\n", {"-v", "-L", "i"}};
-        asked.out = signo == SIGINT ? "out.zip" : "-";
-        SCOPED_TRACE(asked.out);
-        asked.job.during = [&](pid_t pid) {
-            for (int i = 0; i < 1000 && !qt::file_exists(started); ++i)
-                usleep(10000);
-            kill(pid, signo);
-        };
-        const qt::Collection c = qt::collect(dir, asked);
-        EXPECT_EQ(c.run.status, 5);
-        EXPECT_EQ(qt::read_file(got_term), "term\n");
-        const std::string progress = "Sending README File\nSending CONFIG File\nStarting Command: " + waits + "\nCommand '" +
-                                     waits + "' interrupted by user\n";
-        const std::string removing = "Data capture interrupted by user.  Attempting to remove archive.\n";
-        if (asked.out == "-") {
-            EXPECT_EQ(c.run.err, progress + removing + "Interrupted by user\n");
-            expect_members(c, asked, {{"t/waits/" + qt::flat(waits) + ".out", "waiting\n"},
-                                      {"t/waits/" + qt::flat(waits) + ".err", "QUELVANE MSG: User Interrupt\n"}});
-        } else {
-            EXPECT_EQ(c.run.out + c.run.err, "Collecting data into out.zip\n" + progress +
-                                                 "Interrupted by user\n" + removing);
-            EXPECT_FALSE(qt::file_exists(dir.file("out.zip"))) << "the interrupted archive was kept";
-        }
-    }
 }
 
 // Download mode holds nothing back while a command runs: the header and every finished

@@ -125,11 +125,13 @@ TEST(Limits, BudgetsHoldForEveryReaderPlainAndEncrypted)
                                "\ncmd i,-,y,n noise /bin/head -c 1500000 /dev/urandom\ncmd i,-,y,n after /bin/echo after\n";
     const std::regex cut_note(R"(QUELVANE MSG: Data cut at (\d+) bytes, the archive's size limit\n)");
     for (const char *budget : {"10K", "100K", "1M"}) {
-        for (const bool encrypted : {false, true}) {
-            SCOPED_TRACE(std::string(budget) + (encrypted ? " encrypted" : ""));
+        for (const std::string how : {"plain", "encrypted", "stored"}) {
+            SCOPED_TRACE(budget + (" " + how));
             qt::Collect asked{config, {"-L", "i", std::string("--max-size=") + budget}};
-            if (encrypted)
+            if (how == "encrypted")
                 asked.args.insert(asked.args.end(), {"-e", "-P", "secret"}), asked.password = "secret";
+            if (how == "stored")
+                asked.args.push_back("-C");
             // Only collected files' ".err" members declare another size than they hold: a
             // first look names them.
             qt::Collection c = qt::collect(dir, asked);

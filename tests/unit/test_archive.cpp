@@ -1,5 +1,5 @@
 // The archive's bytes: every data source, plain and encrypted, at both levels; raw
-// fields the readers do not show; failed writes; ZIP64 offsets; budgets.
+// fields the readers do not show; failed writes; ZIP64 offsets.
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
@@ -132,36 +132,6 @@ TEST(Archive, EverySourcePlainAndEncryptedAtBothLevels)
     }
 }
 
-// An empty archive is its end record; the 16-bit name lengths wrap, and the central
-// record still carries the whole name.
-TEST(Archive, NoMembersAndLongNames)
-{
-    qt::TempDir dir;
-    const std::string path = dir.file("test.zip");
-    for (size_t length : {0, 65536, 100000}) {
-        {
-            Output out(path);
-            ZipMember member = member_named(std::string(length, 'n'));
-            ASSERT_TRUE(length == 0 || (out.zip.begin_member(member) == 0 && out.zip.finish_member(member) == 0));
-            ASSERT_EQ(out.zip.finish_archive(), 0);
-        }
-        const std::string bytes = qt::read_file(path);
-        if (length == 0) {
-            EXPECT_EQ(bytes, std::string("PK\x05\x06", 4) + std::string(18, '\0'));
-            // unzip -t calls an empty archive a warning; the other readers accept it.
-            EXPECT_EQ(qt::read_archive(path).problems, "unzip -t failed (1): warning [" + path + "]:  zipfile is empty\n");
-            continue;
-        }
-        auto le = [&bytes](size_t at) { return uint8_t(bytes[at]) | uint8_t(bytes[at + 1]) << 8; };
-        const size_t wrapped = length % 65536, central = 30 + wrapped + 16, end = central + 46 + length;
-        ASSERT_EQ(bytes.size(), end + 22) << length;
-        EXPECT_EQ(le(26), wrapped);            // local name length
-        EXPECT_EQ(le(central + 28), wrapped);  // central name length
-        EXPECT_EQ(le(end + 12) | le(end + 14) << 16, 46 + length);  // directory size
-        EXPECT_EQ(le(end + 16) | le(end + 18) << 16, central);      // directory offset
-    }
-}
-
 // A write that fails inside a local header, a data descriptor, the directory or the end
 // record (a file-size limit set there) fails a call after the sink's message, leaves the
 // offset where that call found it, and leaves exactly the archive's bytes up to the limit.
@@ -230,42 +200,6 @@ TEST(Archive, OffsetsPast4GiBTakeZip64)
     EXPECT_EQ(archive.problems, "");
     ASSERT_EQ(archive.names(), (std::vector<std::string>{"a", "b/c", "d"}));
     EXPECT_EQ(archive.members[2].data + std::to_string(archive.members[2].offset >> 30), "d5");
-}
-
-// A budget is used to within a few records' worth and never passed, at both levels, for data
-// that does not compress and data that does; the cut member stays whole for readers.
-TEST(Archive, BudgetIsFilledButNeverPassed)
-{
-    qt::TempDir dir;
-    const std::string path = dir.file("budget.zip");
-    for (int level : {Z_DEFAULT_COMPRESSION, 0}) {
-        for (unsigned alphabet : {256u, 4u}) {
-            const std::string data = bytes_of(1 << 20, alphabet);
-            for (uint64_t limit : {3000u, 20000u, 100000u}) {
-                SCOPED_TRACE(std::to_string(level) + " " + std::to_string(alphabet) + " " + std::to_string(limit));
-                {
-                    Output out(path, level);
-                    ZipData &z = out.zip.stream();
-                    z.set_budget(limit);
-                    ZipMember member = member_named("data");
-                    EXPECT_TRUE(z.admits(z.member_cost(4, 256)));
-                    EXPECT_EQ(out.zip.begin_member(member), 0);
-                    for (size_t at = 0; at < data.size(); at += 1024)
-                        EXPECT_GE(z.chunk(member, &data[at], 1024, at + 1024 < data.size() ? Z_NO_FLUSH : Z_FINISH), 0);
-                    EXPECT_TRUE(member.budget_cut && z.budget_exhausted());
-                    EXPECT_EQ(out.zip.finish_member(member), 0);
-                    EXPECT_FALSE(z.admits(z.member_cost(1, 0)));
-                    EXPECT_EQ(out.zip.finish_archive(), 0);
-                }
-                const qt::Archive archive = qt::read_archive(path);
-                EXPECT_EQ(archive.problems, "");
-                const uint64_t size = qt::read_file(path).size();
-                EXPECT_TRUE(size <= limit && size + 256 >= limit) << size;
-                ASSERT_EQ(archive.members.size(), 1u);
-                EXPECT_EQ(archive.members[0].data, data.substr(0, archive.members[0].data.size()));
-            }
-        }
-    }
 }
 
 }  // namespace
