@@ -46,14 +46,30 @@ void clear_directory(int dir_fd)
 }
 
 // The directory itself, never a link to one: the path lies in a directory
-// that everyone may write to.
+// that everyone may write to. -1 with errno ENOENT when it has just gone.
 int open_real_directory(const std::string &directory)
 {
     struct stat status;
-    if (lstat(directory.c_str(), &status) != 0 || !S_ISDIR(status.st_mode))
+    if (lstat(directory.c_str(), &status) != 0)
         return -1;
+    if (!S_ISDIR(status.st_mode)) {
+        errno = ENOTDIR;
+        return -1;
+    }
     return open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
 }
+
+// Whether the open file is the one the path names now.
+bool still_named(int fd, int dir_fd, const char *name)
+{
+    struct stat opened, named;
+    return fstat(fd, &opened) == 0 && fstatat(dir_fd, name, &named, AT_SYMLINK_NOFOLLOW) == 0 &&
+           opened.st_dev == named.st_dev && opened.st_ino == named.st_ino;
+}
+
+// Tries to lock before giving up: each retry means another run released the
+// lock between our opening its files and locking them.
+constexpr int LOCK_ATTEMPTS = 1000;
 
 // The umask the lock's files were made under comes back whichever way
 // acquire() leaves.
@@ -79,36 +95,48 @@ bool InstanceLock::acquire(const std::string &program_name)
     std::string name = program_name.substr(program_name.rfind('/') + 1).substr(0, INSTANCE_MAX);
     const std::string directory = work_directory() + "/" + name + ".quelvane";
     const std::string lock_file = directory + "/.lock";
-    Descriptor dir_fd, fd;
-    {
-        SharedUmask shared;
-        if (mkdir(directory.c_str(), 0777) == -1 && errno != EEXIST) {
-            say("Failed to create directory %s, errno=%d", directory.c_str(), errno);
+    for (int attempt = 0; attempt < LOCK_ATTEMPTS; ++attempt) {
+        Descriptor dir_fd, fd;
+        {
+            SharedUmask shared;
+            if (mkdir(directory.c_str(), 0777) == -1 && errno != EEXIST) {
+                say("Failed to create directory %s, errno=%d", directory.c_str(), errno);
+                return false;
+            }
+            dir_fd.reset(open_real_directory(directory));
+            if (dir_fd.get() == -1 && errno == ENOENT)
+                continue;  // its holder removed it just now
+            if (dir_fd.get() == -1) {
+                say("Refusing lock directory %s: not a real directory.", directory.c_str());
+                return false;
+            }
+            fd.reset(openat(dir_fd.get(), ".lock", O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0666));
+            if (fd.get() == -1 && errno == ENOENT)
+                continue;
+            if (fd.get() == -1) {
+                say("Failed to open %s, errno=%d.", lock_file.c_str(), errno);
+                return false;
+            }
+        }
+        if (lockf(fd.get(), F_TLOCK, 0) != 0) {
+            if (errno == EAGAIN || errno == EACCES)
+                say("An instance of %s is already running.", name.c_str());
+            else
+                say("Failed to lock %s, errno=%d.", lock_file.c_str(), errno);
             return false;
         }
-        dir_fd.reset(open_real_directory(directory));
-        if (dir_fd.get() == -1) {
-            say("Refusing lock directory %s: not a real directory.", directory.c_str());
-            return false;
-        }
-        fd.reset(openat(dir_fd.get(), ".lock", O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0666));
-        if (fd.get() == -1) {
-            say("Failed to open %s, errno=%d.", lock_file.c_str(), errno);
-            return false;
-        }
+        // The run before us may have unlinked what we locked, or removed
+        // its directory, after we opened them: a lock nobody else can see.
+        if (!still_named(fd.get(), dir_fd.get(), ".lock") || !still_named(dir_fd.get(), AT_FDCWD, directory.c_str()))
+            continue;
+        clear_directory(dir_fd.get());
+        directory_ = directory;
+        directory_fd_ = std::move(dir_fd);
+        lock_fd_ = std::move(fd);
+        return true;
     }
-    if (lockf(fd.get(), F_TLOCK, 0) != 0) {
-        if (errno == EAGAIN || errno == EACCES)
-            say("An instance of %s is already running.", name.c_str());
-        else
-            say("Failed to lock %s, errno=%d.", lock_file.c_str(), errno);
-        return false;
-    }
-    clear_directory(dir_fd.get());
-    directory_ = directory;
-    directory_fd_ = std::move(dir_fd);
-    lock_fd_ = std::move(fd);
-    return true;
+    say("Failed to lock %s: it keeps changing.", lock_file.c_str());
+    return false;
 }
 
 void InstanceLock::release()
