@@ -96,10 +96,10 @@ Result walk_entry(Context &context, const ConfigEntry &entry, size_t number, con
     if (!context.admit(names)) {
         context.skipped.push_back({context.stop_reason, number, kind, names.out});
         ++*errors;
-        progress.event("END %zu %s skipped 0 0 0\n", number, names.out.c_str());
+        progress.named("END " + std::to_string(number) + " ", names.out, " skipped 0 0 0\n");
         return Result::ok;
     }
-    progress.event("START %zu %s %s\n", number, kind, names.out.c_str());
+    progress.named("START " + std::to_string(number) + " " + kind + " ", names.out, "\n");
     const int64_t started = clock_ms(CLOCK_MONOTONIC);
     const uint64_t in_before = context.zip.stream().data_total(), out_before = context.zip.stream().offset();
     context.result = EntryResult::ok;
@@ -111,10 +111,11 @@ Result walk_entry(Context &context, const ConfigEntry &entry, size_t number, con
         context.skipped.push_back({context.stop_reason, number, kind, names.out});
         ++*errors;
     }
-    progress.event("END %zu %s %s %llu %llu %lld\n", number, names.out.c_str(), entry_result_name(context.result),
-                   static_cast<unsigned long long>(context.zip.stream().data_total() - in_before),
-                   static_cast<unsigned long long>(context.zip.stream().offset() - out_before),
-                   static_cast<long long>(clock_ms(CLOCK_MONOTONIC) - started));
+    progress.named("END " + std::to_string(number) + " ", names.out,
+                   std::string(" ") + entry_result_name(context.result) + " " +
+                       std::to_string(context.zip.stream().data_total() - in_before) + " " +
+                       std::to_string(context.zip.stream().offset() - out_before) + " " +
+                       std::to_string(clock_ms(CLOCK_MONOTONIC) - started) + "\n");
     return Result::ok;
 }
 

@@ -4,17 +4,25 @@
 #ifndef QUELVANE_PROGRESS_H
 #define QUELVANE_PROGRESS_H
 
+#include <string>
+
 constexpr int PROGRESS_PROTOCOL = 1;
 
 class ProgressChannel {
 public:
-    // Lines go to fd from now on; false when fd is not open or is 0-2.
+    // Lines go to fd from now on; false when fd is not open or is 0-2. The
+    // description may be shared: its flags are left as they are.
     bool open(int fd);
     void event(const char *format, ...) __attribute__((format(printf, 2, 3)));
+    // head, then the name with control bytes and '\' as \xHH (shortened when
+    // the line would pass PIPE_BUF), then tail, which ends the line.
+    void named(const std::string &head, const std::string &name, const std::string &tail);
 
 private:
-    int send(const char *line, unsigned long length);
+    void send_line(const char *line, size_t length);
+    int send(const char *line, size_t length);
     int fd_ = -1;
+    bool socket_ = false;
     unsigned long long lost_ = 0;
 };
 

@@ -32,10 +32,17 @@ TEST(Limits, StalledReaderLosesLinesNotTime)
         fcntl(fd, F_SETPIPE_SZ, 4096);  // full after a few dozen lines
         dup2(fd, 3);
     };
-    std::string received;
-    asked.job.during = [&](pid_t) {
+    // A name that would forge lines unless escaped.
+    asked.archive = "t\nOK 1\\.zip";
+    std::string received, flags;
+    asked.job.during = [&](pid_t pid) {
         const int fd = open(fifo.c_str(), O_RDONLY);
         std::this_thread::sleep_for(std::chrono::seconds(5));
+        // The description may be shared with others: its flags stay as they were.
+        std::istringstream info(qt::read_file("/proc/" + std::to_string(pid) + "/fdinfo/3"));
+        for (std::string field; info >> field && field != "flags:";) {
+        }
+        info >> flags;
         char buffer[4096];
         for (ssize_t got; (got = read(fd, buffer, sizeof buffer)) > 0;)
             received.append(buffer, static_cast<size_t>(got));
@@ -52,6 +59,11 @@ TEST(Limits, StalledReaderLosesLinesNotTime)
     EXPECT_EQ(std::count_if(lines.begin(), lines.end(), is_lost), 1);
     EXPECT_EQ(lines.size() - 1 + std::stoul(lost->substr(5)), 1u + 2 * 151 + 1);
     EXPECT_EQ(lines.back().rfind("OK ", 0), 0u);
+    EXPECT_EQ(std::stoul(flags, nullptr, 8) & O_NONBLOCK, 0u) << flags;
+    for (const std::string &line : lines) {
+        EXPECT_TRUE(line.rfind("OK ", 0) != 0 || &line == &lines.back()) << line;
+        EXPECT_TRUE(line.rfind("START", 0) != 0 || line.find(" t\\x0aOK 1\\x5c/f") != std::string::npos) << line;
+    }
 }
 
 TEST(Limits, DeadlineSkipsWhatIsLeftInEveryMode)
