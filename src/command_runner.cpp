@@ -17,8 +17,9 @@
 
 namespace {
 
-// Two seconds for a signalled command group to go before the run goes on.
-constexpr time_t KILL_GRACE_SECONDS = 2;
+// At most two seconds for a signalled command to go before the run goes on.
+constexpr int64_t KILL_GRACE_MS = 2000;
+constexpr int REAP_POLL_MS = 10;
 constexpr time_t POLL_SECONDS = 1;
 
 void disarm_timer()
@@ -115,22 +116,21 @@ public:
     void aim_at_group(int pgid) { target_ = pgid == -1 ? pid_ : -pgid; }
     // The command ended by itself and was reaped.
     void reaped() { done_ = true; }
-    // SIGTERM to the whole group, then its grace period, then a look for
-    // its end without waiting. Never SIGKILL: a group that ignores SIGTERM
-    // is left running.
+    // SIGTERM to the whole group, then the grace period, which ends as soon
+    // as the command itself is reaped. Never SIGKILL: a group that ignores
+    // SIGTERM is left running.
     void stop(int *status)
     {
         int ignored = 0;
         done_ = true;
         kill(target_, SIGTERM);
-        // The child's own SIGCHLD would cut a plain sleep short; its
-        // children get the whole grace period too.
-        struct timespec left = {KILL_GRACE_SECONDS, 0};
-        while (nanosleep(&left, &left) == -1 && errno == EINTR) {
-        }
-        if (!child_exited)
+        const int64_t end = clock_ms(CLOCK_MONOTONIC) + KILL_GRACE_MS;
+        bool reaped = false;
+        while (!(reaped = wait_child(pid_, status != nullptr ? status : &ignored, WNOHANG) == pid_) &&
+               clock_ms(CLOCK_MONOTONIC) < end)
+            poll(nullptr, 0, REAP_POLL_MS);
+        if (!reaped)
             console_.progress(_("Command '%s' (pid %d) did not exit.\n"), entry_.path.c_str(), abs(target_));
-        wait_child(pid_, status != nullptr ? status : &ignored, WNOHANG);
     }
 
 private:
@@ -213,6 +213,8 @@ Ending watch(Context &context, ZipMember &out, int out_read, int err_read, Runni
     // otherwise leave us waiting out the full second.
     const sigset_t watched = watched_signals();
     struct pollfd slots[2] = {{out_read, POLLIN, 0}, {err_read, POLLIN, 0}};
+    const int64_t keepalive_ms = context.pacing.keepalive_ms();
+    int64_t heard_ms = clock_ms(CLOCK_MONOTONIC);
     for (;;) {
         *status = 0;
         errno = 0;
@@ -250,6 +252,16 @@ Ending watch(Context &context, ZipMember &out, int out_read, int err_read, Runni
             return Ending::running;
         if (slots[1].revents & POLLIN)
             read_stderr(context, err_read, _("Error while buffering stderr ret=%d fd=%d errno=%d\n"));
+        // A silent command: bytes for the reader, so that a proxy sees no
+        // idle stream and a reader that has gone is noticed now.
+        const int64_t now_ms = clock_ms(CLOCK_MONOTONIC);
+        if (slots[0].revents & POLLIN)
+            heard_ms = now_ms;
+        else if (keepalive_ms > 0 && now_ms - heard_ms >= keepalive_ms) {
+            if (context.zip.stream().keepalive(out) != 0)
+                return Ending::running;
+            heard_ms = now_ms;
+        }
     }
 }
 

@@ -9,6 +9,7 @@ constexpr uint64_t MIN_DATA = 256;
 
 const char CUT_NOTE[] = "QUELVANE MSG: Data cut at %lu bytes, the largest member an archive holds\n";
 const char BUDGET_CUT_NOTE[] = "QUELVANE MSG: Data cut at %llu bytes, the archive's size limit\n";
+const char DEADLINE_CUT_NOTE[] = "QUELVANE MSG: Data cut at %llu bytes, the run's deadline\n";
 
 }  // namespace
 
@@ -76,7 +77,8 @@ int Context::write_text_member(ZipMember &member, const TextBuffer &text, const 
 
 int Context::add_cut_note(const ZipMember &member)
 {
-    if (member.budget_cut)
-        return notes.printf(_(BUDGET_CUT_NOTE), static_cast<unsigned long long>(member.data_in));
+    if (member.budget_cut || member.deadline_cut)
+        return notes.printf(member.budget_cut ? _(BUDGET_CUT_NOTE) : _(DEADLINE_CUT_NOTE),
+                            static_cast<unsigned long long>(member.data_in));
     return notes.printf(_(CUT_NOTE), static_cast<unsigned long>(ZIP_MEMBER_LIMIT));
 }

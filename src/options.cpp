@@ -29,7 +29,7 @@ constexpr uint64_t MIN_MAX_SIZE = 4096;
 // Additions to the command line are long options only, so that every short
 // option, message and exit status stays as it was.
 enum { OPTION_HELP = 256, OPTION_VERSION, OPTION_PROGRESS_FD, OPTION_DEADLINE, OPTION_GENTLE, OPTION_MAX_SIZE,
-       OPTION_MANIFEST, OPTION_CHECKSUM, OPTION_SCRUB, OPTION_PBKDF2, OPTION_RECIPIENT };
+       OPTION_MANIFEST, OPTION_CHECKSUM, OPTION_SCRUB, OPTION_PBKDF2, OPTION_KEEPALIVE, OPTION_RECIPIENT };
 const struct option LONG_OPTIONS[] = {
     {"help", no_argument, nullptr, OPTION_HELP},
     {"version", no_argument, nullptr, OPTION_VERSION},
@@ -42,6 +42,7 @@ const struct option LONG_OPTIONS[] = {
     {"scrub", required_argument, nullptr, OPTION_SCRUB},
     {"pbkdf2", optional_argument, nullptr, OPTION_PBKDF2},
     {"recipient", required_argument, nullptr, OPTION_RECIPIENT},
+    {"keepalive", required_argument, nullptr, OPTION_KEEPALIVE},
     {nullptr, 0, nullptr, 0},
 };
 
@@ -74,6 +75,7 @@ const char *const HELP_LINES[] = {
     "      --scrub=FILE         replace the secrets FILE lists (name=value) wherever they appear",
     "      --pbkdf2[=ITER]      with -e: a PBKDF2-SHA256 key (openssl enc -pbkdf2 -iter ITER)",
     "      --recipient=CERT     encrypt to CERT's key as CMS (openssl cms -decrypt), no password",
+    "      --keepalive=SECONDS  with -o -: bytes on the wire while a command is silent that long",
     "      --help       this list, then exit",
     "      --version    the name and version, then exit",
 };
@@ -178,6 +180,17 @@ Result deadline(Options &o, const char *arg)
     return Result::ok;
 }
 
+Result keepalive(Options &o, const char *arg)
+{
+    uint64_t seconds = 0;
+    if (!parse_number(arg, "", 1, 3600, &seconds)) {
+        fprintf(stderr, _("Invalid --keepalive '%s': seconds from 1 to 3600\n"), arg);
+        return Result::refused;
+    }
+    o.keepalive = static_cast<unsigned>(seconds);
+    return Result::ok;
+}
+
 Result max_size(Options &o, const char *arg)
 {
     if (!parse_number(arg, "KMG", MIN_MAX_SIZE, UINT64_MAX / 2, &o.max_size)) {
@@ -188,11 +201,15 @@ Result max_size(Options &o, const char *arg)
     return Result::ok;
 }
 
+constexpr int MAX_PBKDF2_ITERATIONS = 10000000;
+
 Result pbkdf2(Options &o, const char *arg)
 {
     uint64_t iterations = DEFAULT_PBKDF2_ITERATIONS;
-    if (arg != nullptr && !parse_number(arg, "", 1, INT32_MAX, &iterations)) {
-        fprintf(stderr, _("Invalid --pbkdf2 '%s': iterations from 1 to %d\n"), arg, INT32_MAX);
+    // The derivation cannot be interrupted: its cost is bounded instead
+    // (some seconds on a controller).
+    if (arg != nullptr && !parse_number(arg, "", 1, MAX_PBKDF2_ITERATIONS, &iterations)) {
+        fprintf(stderr, _("Invalid --pbkdf2 '%s': iterations from 1 to %d\n"), arg, MAX_PBKDF2_ITERATIONS);
         return Result::refused;
     }
     o.pbkdf2 = static_cast<unsigned>(iterations);
@@ -239,6 +256,7 @@ const struct Rule {
     {OPTION_SCRUB, Again::allowed, nullptr, [](Options &o, const char *arg) { return o.scrub_path = arg, Result::ok; }},
     {OPTION_PBKDF2, Again::allowed, nullptr, pbkdf2},
     {OPTION_RECIPIENT, Again::allowed, nullptr, [](Options &o, const char *arg) { return o.recipient = arg, Result::ok; }},
+    {OPTION_KEEPALIVE, Again::allowed, nullptr, keepalive},
 };
 
 // The option getopt could not take: an argument missing or unwanted, or an
@@ -280,6 +298,14 @@ private:
     bool given_[OPTION_RECIPIENT + 1] = {};
 };
 
+// Whether descriptor fd is the file that path names (or descriptor other).
+bool same_file(int fd, int other, const std::string &path = "")
+{
+    struct stat a, b;
+    const bool found = other != -1 ? fstat(other, &b) == 0 : stat(path.c_str(), &b) == 0;
+    return found && fstat(fd, &a) == 0 && a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
 // The combinations, checked in this order once every option is read.
 Result check_combinations(const Options &o, const Given &seen)
 {
@@ -295,6 +321,11 @@ Result check_combinations(const Options &o, const Given &seen)
                           : o.max_size != 0 && (o.manifest || !o.recipient.empty())
                               ? _("--max-size cannot be used with --manifest or --recipient\n")
                           : o.remove_device_files && !o.have_device ? _("-r requires -d flag\n")
+                          // Progress lines must never land in the password's or the archive's stream.
+                          : o.progress_fd != -1 && seen_I && o.progress_fd == o.password_fd
+                              ? _("Invalid file descriptor passed to --progress-fd: -I reads the password from it.\n")
+                          : o.progress_fd != -1 && same_file(o.progress_fd, o.download ? STDOUT_FILENO : -1, o.output_path)
+                              ? _("Invalid file descriptor passed to --progress-fd: it is the archive's output.\n")
                           : !seen('o')                       ? _("At least one output mode must be specified\n")
                           : o.have_device && o.download
                               ? _("Internal error.  USB Device Mode and BUI Download Mode specified simultaneously.\n")

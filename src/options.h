@@ -34,6 +34,7 @@ struct Options {
     int progress_fd = -1;               // --progress-fd
     unsigned deadline = 0;              // --deadline, seconds
     bool gentle = false;                // --gentle
+    unsigned keepalive = 0;             // --keepalive, seconds
     uint64_t max_size = 0;              // --max-size, bytes
     bool manifest = false;              // --manifest
     std::string checksum_path;          // --checksum

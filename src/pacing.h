@@ -18,6 +18,12 @@ public:
     // Milliseconds left, or -1 without a deadline.
     int64_t left_ms() const;
     bool deadline_passed() const { return left_ms() == 0; }
+    // The deadline on CLOCK_MONOTONIC, or -1.
+    int64_t deadline_ms() const { return deadline_ms_; }
+    // How long a command may be silent before the output gets a keepalive
+    // (0: never).
+    void set_keepalive(unsigned seconds) { keepalive_ms_ = int64_t{seconds} * 1000; }
+    int64_t keepalive_ms() const { return keepalive_ms_; }
     // The lowest CPU priority and idle I/O for the tool and every command
     // it starts; refused after a message.
     Result start_gentle();
@@ -27,6 +33,7 @@ public:
 
 private:
     int64_t deadline_ms_ = -1;
+    int64_t keepalive_ms_ = 0;
     bool gentle_ = false;
     int64_t paused_ms_ = 0;
 };

@@ -191,6 +191,7 @@ Result start_output(Run &run, ZipWriter &zip)
     // The budget counts what is delivered: the ciphertext, not the plain archive.
     if (o.max_size != 0)
         zip.stream().set_budget(o.max_size - (o.encrypt ? Sink::PASSWORD_OVERHEAD : 0));
+    zip.stream().set_deadline(run.pacing.deadline_ms());
     return Result::ok;
 }
 
@@ -229,9 +230,11 @@ Result walk_and_end(Run &run, Context &context, const Config &config, const Sele
     Result walked = walk_entries(context, config, selection, &run.collection_errors);
     if (walked == Result::output_failure) {
         const int error = errno;
+        if (interrupted_by_user)  // it broke a wait for the reader
+            return walked;
         fputs(_("Error with output"), stderr);
         if (error != 0)
-            fprintf(stderr, ": %s\n", strerror(error));
+            fprintf(stderr, ": %s\n", failure_text(error));
         else
             fputc('\n', stderr);
         return walked;
@@ -315,8 +318,12 @@ Result set_up(Run &run)
     const Options &o = run.options;
     if (o.progress_fd != -1)
         run.progress.open(o.progress_fd);
-    if (o.deadline != 0)
+    if (o.deadline != 0) {
         run.pacing.set_deadline(o.deadline);
+        run.sink.set_stall_limit(run.pacing.deadline_ms());
+    }
+    if (o.download)  // a file has no reader to keep
+        run.pacing.set_keepalive(o.keepalive);
     if (o.gentle && run.pacing.start_gentle() != Result::ok)
         return Result::refused;
     if (!o.scrub_path.empty() && run.scrub.load(o.scrub_path) != Result::ok)
@@ -354,7 +361,14 @@ int run_collection(Run &run)
 {
     Result result = set_up(run);
     if (result == Result::ok) {
-        result = finish_output(run, collect(run));
+        result = collect(run);
+        // An interrupt that broke a wait for the reader ends the run as any
+        // interrupt does; the output takes nothing more.
+        if (result == Result::output_failure && interrupted_by_user) {
+            fputs(_("Data capture interrupted by user.  Attempting to remove archive.\n"), stderr);
+            result = Result::interrupted;
+        }
+        result = finish_output(run, result);
         if (interrupted_by_user)
             run.console.progress(_("Interrupted by user\n"));
         else if (exit_status(result) != 0)

@@ -1,5 +1,7 @@
 #include "sink.h"
 
+#include <poll.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -14,6 +16,8 @@
 #include <openssl/rand.h>
 
 #include "console.h"
+#include "pacing.h"
+#include "signals.h"
 
 namespace {
 
@@ -22,23 +26,9 @@ constexpr size_t SALT_LENGTH = 8;
 constexpr size_t CIPHER_PIECE = 1024;
 // Archive bytes gather here and leave in large writes.
 constexpr size_t PENDING_SIZE = 64 * 1024;
-
-// Writes all of it, retrying after EINTR. A short count goes on with the
-// rest: a record that meets a full device or a file-size limit then fails
-// with that error instead of passing for written.
-bool write_all(int fd, const void *data, size_t length)
-{
-    const char *bytes = static_cast<const char *>(data);
-    for (size_t done = 0; done < length;) {
-        const ssize_t written = ::write(fd, bytes + done, length - done);
-        if (written == -1 && errno == EINTR)
-            continue;
-        if (written <= 0)
-            return false;
-        done += static_cast<size_t>(written);
-    }
-    return true;
-}
+// Past the stall limit a reader still gets half a second to make room before
+// each write: one that is slow but reading finishes the archive.
+constexpr int64_t LAST_WAIT_MS = 500;
 
 // The archive's format is fixed: no system configuration may change the
 // cipher or digest (or make MD5 unavailable), and not reading it keeps a
@@ -56,6 +46,11 @@ struct CipherFree {
 };
 
 }  // namespace
+
+const char *failure_text(int error)
+{
+    return error == ETIMEDOUT ? _("the reader stalled") : strerror(error);
+}
 
 void Sha256::Free::operator()(EVP_MD_CTX *context) const { EVP_MD_CTX_free(context); }
 
@@ -141,6 +136,56 @@ void Sink::attach(int fd, bool owned)
 {
     fd_ = fd;
     owned_ = owned;
+    // Only a pipe or a socket has a reader that can stop reading.
+    struct stat status;
+    may_stall_ = fstat(fd, &status) == 0 && (S_ISFIFO(status.st_mode) || S_ISSOCK(status.st_mode));
+}
+
+// Room in a pipe or socket: true when a write of up to PIPE_BUF bytes will
+// not block. Otherwise false with errno ETIMEDOUT (the reader stalled),
+// EINTR (an interrupt came) or poll's own. The watched signals are held
+// back outside the poll, so one arriving just before it still ends it.
+bool Sink::wait_for_room() const
+{
+    const sigset_t watched = watched_signals();
+    for (;;) {
+        int64_t wait_ms = -1;
+        if (stall_limit_ms_ >= 0)
+            wait_ms = std::max(stall_limit_ms_ - clock_ms(CLOCK_MONOTONIC), int64_t{0}) + LAST_WAIT_MS;
+        struct timespec wait = {static_cast<time_t>(wait_ms / 1000), static_cast<long>(wait_ms % 1000 * 1000000)};
+        struct pollfd slot = {fd_, POLLOUT, 0};
+        sigset_t previous;
+        sigprocmask(SIG_BLOCK, &watched, &previous);
+        const int ready = interrupted_by_user ? (errno = EINTR, -1) : ppoll(&slot, 1, wait_ms < 0 ? nullptr : &wait, &previous);
+        const int error = errno;
+        sigprocmask(SIG_SETMASK, &previous, nullptr);
+        if (ready > 0)
+            return true;
+        errno = ready == 0 ? ETIMEDOUT : error;
+        if (ready == 0 || error != EINTR || interrupted_by_user)
+            return false;
+    }
+}
+
+// Writes all of it. A short count goes on with the rest: a record that
+// meets a full device or a file-size limit then fails with that error
+// instead of passing for written. Only an interrupt ends a write that a
+// signal broke.
+bool Sink::write_all(const void *data, size_t length) const
+{
+    const char *bytes = static_cast<const char *>(data);
+    for (size_t done = 0; done < length;) {
+        if (may_stall_ && !wait_for_room())
+            return false;
+        const size_t piece = may_stall_ ? std::min(length - done, size_t{PIPE_BUF}) : length - done;
+        const ssize_t written = ::write(fd_, bytes + done, piece);
+        if (written == -1 && errno == EINTR && !interrupted_by_user)
+            continue;
+        if (written <= 0)
+            return false;
+        done += static_cast<size_t>(written);
+    }
+    return true;
 }
 
 void Sink::close_output()
@@ -155,17 +200,19 @@ bool Sink::sync() const { return fsync(fd_) == 0; }
 
 Result Sink::send_header(const std::string &text)
 {
-    // One write, so the web server sees the whole header before any data.
-    if (::write(fd_, text.data(), text.size()) != -1)
+    // Whole, so the web server sees the header before any data.
+    if (write_all(text.data(), text.size()))
         return Result::ok;
     const int error = errno;  // the catalogue lookup may change errno
-    fprintf(stderr, _("Error writing html file download header: %s\n"), strerror(error));
+    if (error == EINTR)
+        return Result::interrupted;
+    fprintf(stderr, _("Error writing html file download header: %s\n"), failure_text(error));
     return Result::output_failure;
 }
 
 int Sink::deliver(const void *bytes, size_t count)
 {
-    if (!write_all(fd_, bytes, count))
+    if (!write_all(bytes, count))
         return -1;
     delivered_ += count;
     if (digest_)
@@ -196,7 +243,8 @@ int Sink::write_out(const void *bytes, size_t count)
     if (result == 0)
         return 0;
     const int error = errno;  // before the catalogue lookup can touch it
-    fprintf(stderr, "%s: %s\n", _("Error writing data file"), strerror(error));
+    if (error != EINTR)  // an interrupt is the run's to report
+        fprintf(stderr, "%s: %s\n", _("Error writing data file"), failure_text(error));
     errno = error;
     return -1;
 }

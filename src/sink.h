@@ -32,6 +32,8 @@ private:
 };
 
 std::string hex(const unsigned char *bytes, size_t count);
+// A write's errno as the output's failure reads: ETIMEDOUT is a stalled reader.
+const char *failure_text(int error);
 
 // A certificate to encrypt to, read before any output is opened.
 class Certificate {
@@ -56,6 +58,9 @@ public:
 
     // The output from now on; owned ones are closed by close().
     void attach(int fd, bool owned);
+    // A write that waits for a pipe's or socket's reader gives up at this
+    // CLOCK_MONOTONIC time (or a second after it), as one that stalled.
+    void set_stall_limit(int64_t at_ms) { stall_limit_ms_ = at_ms; }
     // Written as it stands, before the archive: neither encrypted, counted
     // nor hashed. Refused after a message.
     Result send_header(const std::string &text);
@@ -86,6 +91,8 @@ public:
 
 private:
     struct Cipher;
+    bool wait_for_room() const;
+    bool write_all(const void *data, size_t length) const;
     int gather(const void *bytes, size_t count);
     int write_out(const void *bytes, size_t count);
     int deliver(const void *bytes, size_t count);
@@ -94,6 +101,8 @@ private:
 
     int fd_ = -1;
     bool owned_ = false;
+    bool may_stall_ = false;
+    int64_t stall_limit_ms_ = -1;
     std::unique_ptr<unsigned char[]> pending_;  // gathered for one large write
     size_t pending_count_ = 0;
     uint64_t delivered_ = 0;

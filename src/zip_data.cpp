@@ -18,6 +18,8 @@ constexpr size_t PIPE_READ_SIZE = 1024;
 constexpr uint64_t FINISH_SLACK = 8;
 // A budget piece smaller than this ends the member instead.
 constexpr unsigned MIN_PIECE = 64;
+// An empty sync block, and the bits before it.
+constexpr uint64_t KEEPALIVE_ROOM = 16;
 
 void report_zlib_error(int code)
 {
@@ -126,9 +128,9 @@ int ZipData::begin_member(ZipMember &member)
 
 void ZipData::end_member(ZipMember &member)
 {
-    // A file cut for the budget, or scrubbed, declares what it holds, so
-    // that it stays valid.
-    if ((member.budget_cut || scrub_.active()) && member.kind == MEMBER_FILE)
+    // A file cut for the budget or the deadline, or scrubbed, declares what
+    // it holds, so that it stays valid.
+    if ((member.budget_cut || member.deadline_cut || scrub_.active()) && member.kind == MEMBER_FILE)
         member.uncompressed_size = static_cast<uint32_t>(member.data_in);
     if (hash_) {
         digest_->finish(member.sha256);
@@ -168,7 +170,7 @@ int ZipData::deflate_piece(ZipMember &member, const unsigned char *data, unsigne
         }
         if (flush == Z_FINISH && result != Z_STREAM_END)
             continue;
-        if (stream_.avail_in != 0 || (flush == Z_BLOCK && full))
+        if (stream_.avail_in != 0 || (flush != Z_NO_FLUSH && full))
             continue;
         member.compressed_size = static_cast<uint32_t>(stream_.total_out);
         return result;
@@ -314,8 +316,11 @@ int ZipData::from_file(ZipMember &member, int fd, int *read_error)
             at_end = true;
         }
         int result = chunk(member, buffer, static_cast<unsigned>(count), at_end ? Z_FINISH : Z_NO_FLUSH);
-        if (member.budget_cut && !at_end) {
-            // Nothing more fits: end the member where its data stopped.
+        if (!at_end && !member.budget_cut && deadline_ms_ >= 0 && clock_ms(CLOCK_MONOTONIC) >= deadline_ms_)
+            member.cut = member.deadline_cut = true;
+        if ((member.budget_cut || member.deadline_cut) && !at_end) {
+            // Nothing more fits, or the time is up: end the member where
+            // its data stopped.
             at_end = true;
             result = chunk(member, buffer, 0, Z_FINISH);
         }
@@ -356,6 +361,27 @@ int ZipData::from_fd(ZipMember &member, int fd, int final_flush)
             return error != 0 ? error : EIO;
         return 0;
     }
+}
+
+int ZipData::keepalive(ZipMember &member)
+{
+    // Under a budget only where the block surely fits.
+    if (budget_limit_ != 0 && budget_room(&member) < deflate_bound(open_input_) + KEEPALIVE_ROOM)
+        return 0;
+    // zlib makes no second sync block without input between; a call that
+    // asks for nothing makes it forget the last one.
+    stream_.avail_in = 0;
+    (void)deflate(&stream_, Z_NO_FLUSH);
+    static const unsigned char nothing = 0;
+    if (deflate_piece(member, &nothing, 0, Z_SYNC_FLUSH) != Z_OK)
+        return -1;
+    open_input_ = 0;  // all of it is out: measured exactly
+    const unsigned count = OUTPUT_SIZE - stream_.avail_out;
+    if (count > 0 && sink_.write(output_.get(), count) != 0)
+        return -1;
+    offset_ += count;
+    rewind_output();
+    return sink_.flush();
 }
 
 int ZipData::from_text(ZipMember &member, const TextBuffer &text, int finish)

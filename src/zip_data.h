@@ -53,10 +53,16 @@ public:
     // What a descriptor has now; with Z_FINISH the member's data ends here.
     // 0, a read's errno, or a failed piece's result.
     int from_fd(ZipMember &member, int fd, int final_flush);
+    // An empty sync block in the open member, sent at once: bytes on the
+    // wire, the data unchanged. 0, or -1 after the failure's message.
+    int keepalive(ZipMember &member);
     // Buffered text, scrubbed where it was made; finish flushes its last piece.
     int from_text(ZipMember &member, const TextBuffer &text, int finish);
     // Sizes, SHA-256 and duration complete, before the descriptor.
     void end_member(ZipMember &member);
+    // A collected file still being read at this CLOCK_MONOTONIC time is
+    // cut there; -1: never.
+    void set_deadline(int64_t at_ms) { deadline_ms_ = at_ms; }
     // Bytes handed to the deflate stream in every member so far.
     uint64_t data_total() const { return data_total_; }
 
@@ -108,6 +114,7 @@ private:
     uint64_t reserve_ = 0;
     uint64_t open_input_ = 0;
     bool budget_spent_ = false;
+    int64_t deadline_ms_ = -1;
 };
 
 #endif

@@ -46,6 +46,7 @@ struct ZipMember {
     uint64_t data_in = 0;              // bytes handed to the deflate stream
     bool cut = false;                  // data stopped at ZIP_MEMBER_LIMIT or at the budget
     bool budget_cut = false;           // data stopped at the archive's budget
+    bool deadline_cut = false;         // data stopped at the run's deadline
     // For the manifest: the command line that made it or the file's path,
     // how that went, the SHA-256 of its data, when it began (ms since the
     // epoch) and how long it took.

@@ -2,7 +2,7 @@
 # Server-sent events for index.html: the progress lines of the download
 # started with the same ?run=ID, one event each, until its last line.
 run=$(printf '%s' "$QUERY_STRING" | sed -n 's/^\(.*&\)\{0,1\}run=\([A-Za-z0-9]\{1,64\}\)\(&.*\)\{0,1\}$/\2/p')
-file="${QUELVANE_PROGRESS_DIR:-/tmp/quelvane-progress}/$run.progress"
+file="${QUELVANE_PROGRESS_DIR:-/run/lighttpd/quelvane}/$run.progress"
 printf 'Content-Type: text/event-stream\r\nCache-Control: no-cache\r\n\r\n'
 if [ -z "$run" ]; then
     printf 'data: FAIL 1 no-run\n\n'

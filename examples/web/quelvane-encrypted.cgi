@@ -5,4 +5,4 @@
 # QUELVANE_PASSWORD_FILE: readable by the web server's user only.
 name="controller-$(hostname).zip"
 exec "${QUELVANE:-/usr/bin/quelvane}" -b -e -I 3 -L A -f "${QUELVANE_CONF:-/etc/quelvane.conf}" \
-    -a "$name" -o - --deadline="${QUELVANE_DEADLINE:-300}" 3< "${QUELVANE_PASSWORD_FILE:-/etc/quelvane.password}"
+    -a "$name" -o - --deadline="${QUELVANE_DEADLINE:-300}" --keepalive=5 3< "${QUELVANE_PASSWORD_FILE:-/etc/quelvane.password}"

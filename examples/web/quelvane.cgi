@@ -6,17 +6,20 @@
 # Set QUELVANE, QUELVANE_CONF, QUELVANE_DEADLINE and QUELVANE_PROGRESS_DIR in
 # the server's CGI environment to move them.
 name="controller-$(hostname).zip"
-set -- -b -L A -f "${QUELVANE_CONF:-/etc/quelvane.conf}" -a "$name" -o - --deadline="${QUELVANE_DEADLINE:-300}"
+set -- -b -L A -f "${QUELVANE_CONF:-/etc/quelvane.conf}" -a "$name" -o - \
+    --deadline="${QUELVANE_DEADLINE:-300}" --keepalive=5
 run=$(printf '%s' "$QUERY_STRING" | sed -n 's/^\(.*&\)\{0,1\}run=\([A-Za-z0-9]\{1,64\}\)\(&.*\)\{0,1\}$/\2/p')
-if [ -n "$run" ]; then
-    dir="${QUELVANE_PROGRESS_DIR:-/tmp/quelvane-progress}"
-    (umask 077 && mkdir -p "$dir")
+dir="${QUELVANE_PROGRESS_DIR:-/run/lighttpd/quelvane}"
+# The progress directory is ours alone: made 0700, refused when it belongs to
+# another user or anyone may write to it (then the download goes on without
+# progress). A run's file is made here, never taken over: an existing one
+# (or any failure) means no progress, still a download.
+if [ -n "$run" ] && (umask 077 && mkdir -p "$dir") 2>/dev/null && [ -O "$dir" ] &&
+    [ -z "$(find "$dir" -maxdepth 0 -perm -0002)" ]; then
     find "$dir" -name '*.progress' -mmin +60 -delete 2>/dev/null
-    # noclobber: a run's file is made here, never taken over.
-    set -C
-    if exec 4> "$dir/$run.progress"; then
+    if (set -C && : > "$dir/$run.progress") 2>/dev/null; then
+        exec 4>> "$dir/$run.progress"
         set -- "$@" --progress-fd=4
     fi
-    set +C
 fi
 exec "${QUELVANE:-/usr/bin/quelvane}" "$@"

@@ -49,7 +49,10 @@ const struct { Args args; std::string message; int status; } REFUSALS[] = {
     {req({"--max-size=2X"}), "Invalid --max-size '2X': bytes, at least 4096, with K, M or G to scale\n", 1},
     {req({"--progress-fd=2"}), PROGRESS_FD, 1},
     {req({"--progress-fd=57"}), PROGRESS_FD, 1},
-    {req({"-e", "-P", "p", "--pbkdf2=0"}), "Invalid --pbkdf2 '0': iterations from 1 to 2147483647\n", 1},
+    {req({"-e", "-I", "3", "--progress-fd=3"}), "Invalid file descriptor passed to --progress-fd: -I reads the password from it.\n", 1},
+    {{"-f", "c", "-a", "x", "-o", "-", "--progress-fd=9"}, "Invalid file descriptor passed to --progress-fd: it is the archive's output.\n", 1},
+    {req({"--keepalive=0"}), "Invalid --keepalive '0': seconds from 1 to 3600\n", 1},
+    {req({"-e", "-P", "p", "--pbkdf2=10000001"}), "Invalid --pbkdf2 '10000001': iterations from 1 to 10000000\n", 1},
     {req({"--pbkdf2"}), "--pbkdf2 requires -e flag\n", 1},
     {req({"-e", "-P", "p", "--recipient=c"}), "--recipient and -e cannot be used together\n", 1},
     {req({"--scrub="}), "Option --scrub may not be empty\n", 1},
@@ -92,7 +95,7 @@ TEST(CommandLine, RefusalPrintsItsMessageThenTheUsage)
         SCOPED_TRACE(::testing::PrintToString(r.args));
         qt::RunSpec child;
         child.fds = {{3, "pw"}};
-        child.in_child = [] { close(0); };  // so -I 0 must be refused before its fstat
+        child.in_child = [] { close(0), dup2(1, 9); };  // -I 0 refused before its fstat; 9 shares the output
         qt::RunResult got = qt::run_quelvane(dir, r.args, child);
         EXPECT_EQ(got.err, r.message + usage("quelvane"));
         EXPECT_EQ(got.out, "");
@@ -113,7 +116,7 @@ TEST(CommandLine, HelpAndVersion)
                                "-u", "-v", "-y", "    --help", "    --version",
                                "    --deadline=SECONDS", "    --gentle", "    --max-size=BYTES", "    --progress-fd=FD",
                                "    --manifest", "    --checksum=PATH", "    --scrub=FILE", "    --pbkdf2[=ITER]",
-                               "    --recipient=CERT"})
+                               "    --recipient=CERT", "    --keepalive=SECONDS"})
         EXPECT_NE(help.out.find(std::string("\n  ") + option + " "), std::string::npos) << option;
     qt::RunResult version = qt::run_quelvane(dir, {"--version"});
     EXPECT_EQ(std::to_string(version.status) + version.out + version.err, "0quelvane " QUELVANE_VERSION "\n");

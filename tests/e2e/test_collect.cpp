@@ -203,14 +203,14 @@ TEST(Commands, TimeOutsGroupsAndFloods)
     EXPECT_TRUE(deaf_runs) << "never SIGKILL: the command ignoring SIGTERM stays";
     EXPECT_EQ(c.run.status, 0);
     EXPECT_EQ(c.run.out + c.run.err, console + "Completing ZIP archive\nData collection complete\nFinished with 2 collection errors\n");
-    std::vector<double> at;  // each command's start: time-out, 2 s grace, then the next
+    std::vector<double> at;  // each command's start: the time-out, the grace until its shell is reaped, the next
     std::istringstream stamps(qt::read_file(dir.file("stamps")));
     for (double t; stamps >> t;)
         at.push_back(t);
     ASSERT_EQ(at.size(), 4u);
     // An emulator starting the next command beside busy neighbours takes longer.
-    const double most = qt::emulated() ? 6.5 : 4.8;
-    EXPECT_TRUE(at[1] - at[0] > 2.8 && at[1] - at[0] < most && at[2] - at[1] > 2.8 && at[2] - at[1] < most)
+    const double most = qt::emulated() ? 3.0 : 1.5;
+    EXPECT_TRUE(at[1] - at[0] > 0.9 && at[1] - at[0] < most && at[2] - at[1] > 0.9 && at[2] - at[1] < most)
         << at[1] - at[0] << " s, " << at[2] - at[1] << " s";
     EXPECT_LT(at[3] - at[2], 1.0) << "the child holding the pipes held up the run";
     const std::string term = "QUELVANE MSG: Command Timeout: Exit Signal: 15\n", written = qt::read_file(noise);

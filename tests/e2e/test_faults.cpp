@@ -5,6 +5,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -13,6 +14,8 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
+#include <cstring>
 #include <ctime>
 #include <random>
 #include <sstream>
@@ -33,11 +36,13 @@ qt::Collection collect(const qt::TempDir &dir, const std::string &config, const 
 }
 
 // The same for an archive too large to read into memory: the run alone.
-qt::RunResult run_large(const qt::TempDir &dir, const std::string &config, std::vector<std::string> extra = {})
+qt::RunResult run_large(const qt::TempDir &dir, const std::string &config, std::vector<std::string> extra = {},
+                        qt::RunSpec job = qt::RunSpec())
 {
     qt::write_file(dir.file("q.conf"), config);
-    extra.insert(extra.begin(), {"-f", "q.conf", "-a", "t.zip", "-o", "out.zip", "-L", "i"});
-    return qt::run_quelvane(dir, extra);
+    const bool download = job.in_child != nullptr;  // standard output made the archive's pipe
+    extra.insert(extra.begin(), {"-f", "q.conf", "-a", "t.zip", "-o", download ? "-" : "out.zip", "-L", "i"});
+    return qt::run_quelvane(dir, extra, job);
 }
 
 // Archives too large to hold in memory, read side by side from the file: unzip -t, then
@@ -104,6 +109,7 @@ TEST(Faults, OutputFailuresEndCleanly)
         int status;
     } cases[] = {
         {"reader goes", "-", "Broken pipe", 2},
+        {"reader goes during a silent command", "-", "Broken pipe", 2},  // seen at the next keepalive
         {"file size limit", "out.zip", "File too large", 2},
         {"device full", "full", "No space left on device", 2},
         {"stdout closed", "-", nullptr, 2},
@@ -114,7 +120,8 @@ TEST(Faults, OutputFailuresEndCleanly)
         const std::string what = c.what;
         qt::RunSpec job;
         std::thread reader;
-        if (what == "reader goes") {  // as `quelvane -o - | head -c 1000`
+        const bool silent = what == "reader goes during a silent command";
+        if (what.rfind("reader goes", 0) == 0) {  // as `quelvane -o - | head -c 1000`
             job.in_child = [&] { dup2(open(fifo.c_str(), O_WRONLY), 1); };
             // Started once the child is forked: a fork beside a running thread
             // can inherit a lock the sanitizer's interceptors hold.
@@ -122,8 +129,12 @@ TEST(Faults, OutputFailuresEndCleanly)
                 char got[1000];
                 const int fd = open(fifo.c_str(), O_RDONLY);
                 ssize_t n = 1;
-                for (size_t done = 0; done < sizeof got && n > 0; done += size_t(n))
-                    n = read(fd, got, sizeof got - done);
+                // Silent: all that comes before the command, then gone.
+                for (size_t done = 0; (silent || done < sizeof got) && n > 0; done += size_t(n)) {
+                    struct pollfd slot = {fd, POLLIN, 0};
+                    n = !silent || poll(&slot, 1, 300) > 0 ? read(fd, got, silent ? sizeof got : sizeof got - done) : 0;
+                }
+                n = silent ? 1 : n;
                 EXPECT_GT(n, 0);
                 close(fd);
             }); };
@@ -134,7 +145,8 @@ TEST(Faults, OutputFailuresEndCleanly)
         } else if (what == "interrupted device") {
             job.during = [](pid_t pid) { usleep(300000), kill(pid, SIGINT); };
         }
-        const qt::RunResult r = collect(dir, config, c.out, job).run;
+        const qt::RunResult r = silent ? collect(dir, "cmd i,60,y,n s /bin/sleep 20\n", c.out, job, {"--keepalive=1"}).run
+                                       : collect(dir, config, c.out, job).run;
         if (reader.joinable())
             reader.join();
         EXPECT_EQ(r.status, c.status) << r.err;
@@ -146,7 +158,7 @@ TEST(Faults, OutputFailuresEndCleanly)
         if (what == "stdout closed") {
             EXPECT_EQ(r.err, "Standard output is closed: nowhere to send the archive\n");
         }
-        EXPECT_LT(r.seconds, 10.0);
+        EXPECT_LT(r.seconds, silent ? 2 * 1.0 + 0.5 : 10.0);
         EXPECT_EQ(qt::left_running(dir.path()), "");
         EXPECT_TRUE(lock_free(dir));
         EXPECT_FALSE(qt::file_exists(dir.file("out.zip")));
@@ -327,4 +339,88 @@ TEST(Faults, ArchiveIsOnTheDeviceBeforeCompleteIsSaid)
     for (std::string line; std::getline(trace, line);)
         calls += line.substr(0, line.find('(')) + (line.find("complete") != std::string::npos ? " complete" : "") + "\n";
     EXPECT_NE(calls.find("fsync\nfsync\nwrite complete\n"), std::string::npos) << calls;
+}
+
+// Every wait ends by the deadline or an interrupt: a reader that never reads (with a
+// deadline: status 2; interrupted: status 5, nothing kept), a file too large to read in
+// time (cut where the deadline found it), a command that dies on SIGTERM (no grace left
+// to run), and a large --pbkdf2 that is refused before any work.
+TEST(Faults, EveryWaitEndsByTheDeadlineOrAnInterrupt)
+{
+    qt::TempDir dir;
+    std::string big = qt::script(dir, "big", "head -c 3000000 /dev/urandom\n");
+    const int sparse = open(dir.file("sparse").c_str(), O_WRONLY | O_CREAT, 0644);
+    ASSERT_TRUE(sparse >= 0 && ftruncate(sparse, off_t{3} << 30) == 0 && close(sparse) == 0);
+    const struct { const char *what, *config, *out, *deadline; int signo, status; const char *err; double most; } CASES[] = {
+        {"stalled reader", "big", "-", "--deadline=3", 0, 2, "Error writing data file: the reader stalled\n", 3.5 + 0.5},
+        {"interrupted stalled reader", "big", "-", nullptr, SIGTERM, 5, "Data capture interrupted by user.", 2.5},
+        {"sparse file", "file", "out.zip", "--deadline=1", 0, 0, "", 1.5},
+        {"sleep", "sleep", "out.zip", "--deadline=3", 0, 0, "", 3.5},
+    };
+    for (const auto &c : CASES) {
+        SCOPED_TRACE(c.what);
+        const std::string config = c.config == std::string("big")    ? "cmd i,60,y,n big " + big + "\n"
+                                   : c.config == std::string("file") ? "file i,-,y,y f " + dir.file("sparse") + "\n"
+                                                                     : "cmd i,60,y,n s /bin/sleep 60\n";
+        const std::string fifo = dir.file("fifo");
+        unlink(fifo.c_str());
+        ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+        const int never_read = open(fifo.c_str(), O_RDWR | O_NONBLOCK);  // a reader that never reads
+        qt::RunSpec job;
+        if (c.out == std::string("-"))
+            job.in_child = [&] { dup2(open(fifo.c_str(), O_WRONLY), 1); };
+        job.during = [&](pid_t pid) {
+            if (c.signo != 0)
+                usleep(1500000), kill(pid, c.signo);
+        };
+        std::vector<std::string> extra = {"-C"};  // a stored file is cut by time, not by deflate's pace
+        if (c.deadline != nullptr)
+            extra.push_back(c.deadline);
+        const qt::RunResult r = run_large(dir, config, extra, job);
+        close(never_read);
+        EXPECT_EQ(r.status, c.status) << r.err;
+        EXPECT_EQ(r.err.substr(0, strlen(c.err)), c.err);
+        EXPECT_LT(r.seconds, c.most * (qt::emulated() ? 1.5 : 1));
+        EXPECT_EQ(qt::left_running(dir.path()), "");
+        EXPECT_EQ(qt::file_exists(dir.file("out.zip")), c.status == 0);
+        if (c.config == std::string("file")) {
+            const qt::RunResult note = qt::run_program("/usr/bin/unzip", {"-p", dir.file("out.zip"), "t/f/*.err"});
+            EXPECT_EQ(note.out.substr(0, 26), "QUELVANE MSG: Data cut at ");
+            EXPECT_NE(note.out.find(" bytes, the run's deadline\n"), std::string::npos) << note.out;
+            EXPECT_EQ(qt::run_program("/usr/bin/unzip", {"-tq", dir.file("out.zip")}).status, 0);
+        }
+        unlink(dir.file("out.zip").c_str());
+    }
+}
+
+// Three loops of back-to-back starters on one home: never two collections at once
+// (each holds a directory that only one can make), and every refusal the busy one.
+TEST(Faults, TheLockHoldsForAnyNumberOfStarters)
+{
+    qt::TempDir dir;
+    const std::string inside = dir.file("inside");
+    const std::string probe = qt::script(dir, "probe", "mkdir " + inside + " 2>/dev/null || echo overlap >> " +
+                                                           dir.file("overlaps") + "\nsleep 0.01\nrmdir " + inside + "\n");
+    ASSERT_TRUE(qt::write_file(dir.file("q.conf"), "cmd i,5,y,n p " + probe + "\n"));
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(qt::emulated() ? 10 : 30);
+    std::atomic<int> collected{0}, busy{0};
+    std::vector<std::thread> loops;
+    for (int loop = 0; loop < 3; ++loop)
+        loops.emplace_back([&, loop] {
+            const std::string out = "out" + std::to_string(loop) + ".zip";
+            while (std::chrono::steady_clock::now() < end) {
+                const qt::RunResult r = qt::run_quelvane(dir, {"-f", "q.conf", "-a", "t", "-o", out, "-L", "i", "-q"});
+                if (r.status == 0)
+                    ++collected;
+                else if (r.status == 3 && r.err == "An instance of quelvane is already running.\nOnly run one quelvane at a time\n")
+                    ++busy;
+                else
+                    ADD_FAILURE() << r.status << " " << r.err;
+            }
+        });
+    for (std::thread &t : loops)
+        t.join();
+    EXPECT_EQ(qt::read_file(dir.file("overlaps")), "");
+    EXPECT_GT(collected, 10);
+    EXPECT_GT(busy, 0);
 }

@@ -45,7 +45,7 @@ public:
             "\"\nserver.modules += ( \"mod_cgi\", \"mod_setenv\" )\ncgi.assign = ( \".cgi\" => \"\" )\n"
             "mimetype.assign = ( \".html\" => \"text/html\" )\n"
             "server.stream-response-body = 2\nsetenv.add-environment = ( \"QUELVANE\" => \"" + qt::quelvane_binary() +
-            "\", \"QUELVANE_CONF\" => \"" + dir.file("q.conf") + "\", \"QUELVANE_HOME\" => \"" + dir.path() +
+            "\", \"QUELVANE_DEADLINE\" => \"4\", \"QUELVANE_CONF\" => \"" + dir.file("q.conf") + "\", \"QUELVANE_HOME\" => \"" + dir.path() +
             "\", \"QUELVANE_PASSWORD_FILE\" => \"" + dir.file("password") + "\", \"QUELVANE_PROGRESS_DIR\" => \"" +
             dir.file("progress") + "\", \"" +
             qt::RUN_MARK.substr(0, qt::RUN_MARK.size() - 1) + "\" => \"" + dir.path() + "\" )\n";
@@ -117,6 +117,41 @@ TEST(Web, DownloadsThroughARealServer)
     for (int i = 0; i < 100 && !qt::file_exists(dir.file("status")); ++i)
         usleep(100000);
     EXPECT_EQ(qt::read_file(dir.file("status")), "2\n");
+    EXPECT_EQ(qt::left_running(dir.path()), "");
+    EXPECT_FALSE(qt::file_exists(dir.file("quelvane_tmp/quelvane.quelvane")));
+    ASSERT_TRUE(qt::write_file(dir.file("q.conf"), "cmd A,5,y,n a /bin/echo again\n"));
+    EXPECT_EQ(qt::run_program("/usr/bin/curl", {"-sS", "-o", dir.file("again.zip"), server.url("quelvane.cgi")}).status, 0);
+    EXPECT_EQ(qt::read_archive(dir.file("again.zip")).problems, "");
+
+    // A run whose progress file exists, and a progress directory anyone may write to:
+    // the download goes on, without progress, and touches nothing there.
+    mkdir(dir.file("progress").c_str(), 0700);
+    ASSERT_TRUE(qt::write_file(dir.file("progress/taken.progress"), "planted\n"));
+    for (const char *run : {"taken", "open"}) {
+        chmod(dir.file("progress").c_str(), run == std::string("open") ? 0777 : 0700);
+        EXPECT_EQ(qt::run_program("/usr/bin/curl", {"-sS", "-o", dir.file("again.zip"), server.url("quelvane.cgi?run=") + run}).status, 0);
+        EXPECT_EQ(qt::read_archive(dir.file("again.zip")).problems, "") << run;
+    }
+    EXPECT_EQ(qt::read_file(dir.file("progress/taken.progress")), "planted\n");
+    EXPECT_FALSE(qt::file_exists(dir.file("progress/open.progress")));
+    chmod(dir.file("progress").c_str(), 0700);
+
+    // A browser that stops reading but stays: the deadline (4 s here) ends the run, the
+    // lock is free and the next operator's download works.
+    unlink(dir.file("status").c_str());
+    ASSERT_TRUE(qt::write_file(dir.file("q.conf"), "cmd A,30,y,n flood /bin/dd if=/dev/urandom bs=64k count=100000\n"));
+    const qt::RunResult stalled = qt::run_program("/usr/bin/python3", {"-c", R"(import os, socket, sys, time
+s = socket.create_connection(('127.0.0.1', int(sys.argv[1])))
+s.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
+s.sendall(b'GET /status.cgi HTTP/1.0\r\n\r\n')
+s.recv(1000)
+for _ in range(150):
+    if os.path.exists(sys.argv[2]):
+        break
+    time.sleep(0.1)
+print(open(sys.argv[2]).read() if os.path.exists(sys.argv[2]) else 'still running', end='')
+)", server.url("").substr(17, server.url("").size() - 18), dir.file("status")});
+    EXPECT_EQ(stalled.out, "2\n") << stalled.err;
     EXPECT_EQ(qt::left_running(dir.path()), "");
     EXPECT_FALSE(qt::file_exists(dir.file("quelvane_tmp/quelvane.quelvane")));
     ASSERT_TRUE(qt::write_file(dir.file("q.conf"), "cmd A,5,y,n a /bin/echo again\n"));
