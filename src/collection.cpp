@@ -73,7 +73,7 @@ std::vector<uint64_t> skipped_reserves(Context &context, const std::vector<const
         longest = std::max(longest, selected[i]->member_name.size());
     }
     for (size_t i = 0; i < selected.size(); ++i)
-        reserve[i] = context.zip.stream().member_cost(longest + 8, reserve[i]);
+        reserve[i] = std::max(context.zip.stream().member_cost(longest + 8, reserve[i]), context.skipped_least);
     return reserve;
 }
 

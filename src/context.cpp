@@ -67,12 +67,15 @@ int Context::write_text_member(ZipMember &member, const TextBuffer &text, const 
     const bool two = more != nullptr && !more->empty();
     if (zip.begin_member(member) != 0 || data.from_text(member, text, two ? Z_NO_FLUSH : Z_FINISH) < 0)
         return -1;
-    // Our own lines use the room held for them.
+    // Our own lines use the room held for them, even after data the
+    // budget cut.
     if (data.budget_active())
         data.hold(skipped_reserve);
-    if ((two && data.from_text(member, *more, Z_FINISH) < 0) || zip.finish_member(member) != 0)
-        return -1;
-    return 0;
+    const bool cut = member.budget_cut;
+    member.budget_cut = false;
+    const bool failed = two && data.from_text(member, *more, Z_FINISH) < 0;
+    member.budget_cut = member.budget_cut || cut;
+    return failed || zip.finish_member(member) != 0 ? -1 : 0;
 }
 
 int Context::add_cut_note(const ZipMember &member)

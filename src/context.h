@@ -60,8 +60,10 @@ struct Context {
     TextBuffer err_text;  // a command's standard error, or our lines about a file
     Scrubber::Stream err_scrub;  // standard error scrubbed as it comes, before the cap
     TextBuffer notes;     // our own lines about a command, after its standard error
-    // Under a budget: what the SKIPPED member may still need.
+    // Under a budget: what the SKIPPED member may still need, and the least
+    // it takes (its last line alone).
     uint64_t skipped_reserve = 0;
+    uint64_t skipped_least = 0;
     // Why the walk stops early ("deadline", "max-size"); null while it goes on.
     const char *stop_reason = nullptr;
     std::vector<Skipped> skipped;

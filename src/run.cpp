@@ -251,6 +251,32 @@ Result walk_and_end(Run &run, Context &context, const Config &config, const Sele
     return walked;
 }
 
+// What README, CONFIG and SKIPPED (its last line at least) take at most.
+struct ReportRoom {
+    uint64_t readme = 0, config = 0, skipped = 0;
+};
+
+// Under a budget the room for README, CONFIG and SKIPPED is set aside
+// before anything is written; a budget without that room is refused before
+// the output is opened.
+Result plan_budget(const Run &run, Context &context, const RunFacts &facts, const Config &config, ReportRoom *room)
+{
+    const Options &o = run.options;
+    const ZipData &data = context.zip.stream();
+    struct stat status;
+    const uint64_t config_size = stat(o.config_path.c_str(), &status) == 0 ? static_cast<uint64_t>(status.st_size) : 0;
+    *room = {data.member_cost(context.top_name("README").size(), readme_text(facts).size()),
+             data.member_cost(context.top_name("CONFIG").size(), config_size),
+             least_skipped_cost(context, config.entries.size())};
+    const uint64_t least = room->readme + room->config + room->skipped + END_RESERVE + (o.encrypt ? Sink::PASSWORD_OVERHEAD : 0);
+    context.skipped_least = room->skipped;
+    if (o.max_size >= least)
+        return Result::ok;
+    fprintf(stderr, _("--max-size %llu cannot hold README, CONFIG and SKIPPED: at least %llu bytes\n"),
+            static_cast<unsigned long long>(o.max_size), static_cast<unsigned long long>(least));
+    return Result::refused;
+}
+
 // Everything between taking the lock and closing up; the first step that
 // fails ends it.
 Result collect(Run &run)
@@ -268,17 +294,20 @@ Result collect(Run &run)
         fprintf(stderr, _("Error reading config file: %s\n"), o.config_path.c_str());
         return Result::bad_config;
     }
-    if ((result = open_output(run)) != Result::ok)
-        return result;
     ZipWriter zip(run.sink, run.scrub, o.no_compression ? 0 : Z_DEFAULT_COMPRESSION, o.manifest);
-    if ((result = start_output(run, zip)) != Result::ok)
-        return result;
     Context context{run.console, run.progress, run.pacing, run.scrub, zip, run.scrub.text(o.archive_base)};
     const RunFacts facts{run.scrub.text(o.archive_name), run.scrub.text(o.config_path), o.log_only, o.dataset_letters, sp_sw_down != 0, 1};
+    ReportRoom room;
+    if (o.max_size != 0 && (result = plan_budget(run, context, facts, config, &room)) != Result::ok)
+        return result;
+    if ((result = open_output(run)) != Result::ok || (result = start_output(run, zip)) != Result::ok)
+        return result;
     run.console.progress(_("Sending README File\n"));
+    zip.stream().hold(room.config + room.skipped);
     if (write_readme(context, facts) != Result::ok)
         return say(Result::output_failure, _("Error while sending README file to zip archive\n"));
     run.console.progress(_("Sending CONFIG File\n"));
+    zip.stream().hold(room.skipped);
     if (write_config(context, o.config_path) != Result::ok)
         return say(Result::output_failure, _("Error while sending CONFIG files to zip archive\n"));
     // The domain count is 1 in every run, deliberately.

@@ -137,23 +137,23 @@ bool add_text(ZipData &data, ZipMember &member, const std::string &text, int flu
 
 }  // namespace
 
+std::string readme_text(const RunFacts &facts)
+{
+    // Scripts read these lines: they are never translated.
+    return "Archive Name: " + facts.archive_name + "\nConfig File: " + facts.config_path + "\nVersion: " QUELVANE_VERSION
+           "\nLOG-ONLY MODE: " + (facts.log_only ? "yes" : "no") + "\nLog Sets: " + facts.log_sets +
+           "\nSP SW DOWN: " + (facts.sp_sw_down ? "yes" : "no") + "\nMax Domains: " + std::to_string(facts.max_domains) +
+           "\n";
+}
+
 Result write_readme(Context &context, const RunFacts &facts)
 {
     return guarded([&] {
         ZipMember member;
         member.name = context.top_name("README");
-        // Scripts read these lines: they are never translated.
         TextBuffer text;
-        if (text.printf("Archive Name: %s\n", facts.archive_name.c_str()) < 0 ||
-            text.printf("Config File: %s\n", facts.config_path.c_str()) < 0 ||
-            text.printf("Version: %s\n", QUELVANE_VERSION) < 0 ||
-            text.printf("LOG-ONLY MODE: %s\n", facts.log_only ? "yes" : "no") < 0 ||
-            text.printf("Log Sets: %s\n", facts.log_sets.c_str()) < 0 ||
-            text.printf("SP SW DOWN: %s\n", facts.sp_sw_down ? "yes" : "no") < 0 ||
-            text.printf("Max Domains: %d\n", facts.max_domains) < 0) {
-            fputs(_("Error buffering README\n"), stderr);
+        if (!text.add(readme_text(facts)))
             return Result::output_failure;
-        }
         // Sent at once, so that an output that fails shows here.
         return context.write_text_member(member, text) == 0 && context.zip.stream().sink().flush() == 0
                    ? Result::ok
@@ -185,6 +185,17 @@ Result write_config(Context &context, const std::string &config_path)
     });
 }
 
+namespace {
+
+std::string more_line(size_t count) { return "... and " + std::to_string(count) + " more\n"; }
+
+}  // namespace
+
+uint64_t least_skipped_cost(Context &context, size_t entries)
+{
+    return context.zip.stream().member_cost(context.top_name("SKIPPED").size(), more_line(entries).size());
+}
+
 Result write_skipped(Context &context)
 {
     if (context.skipped.empty())
@@ -192,12 +203,25 @@ Result write_skipped(Context &context)
     const Result made = guarded([&] {
         ZipMember member;
         member.name = context.top_name("SKIPPED");
-        TextBuffer text;
-        for (const Skipped &entry : context.skipped)
-            if (!text.add(entry.line()))
-                return Result::collection_error;
+        ZipData &data = context.zip.stream();
         // Its room was held all along; nothing else is left to hold it for.
-        context.zip.stream().hold(0);
+        data.hold(0);
+        // Under a budget, the lines that fit with the count of the rest.
+        std::vector<std::string> lines;
+        std::vector<uint64_t> before = {0};  // the length of the lines before each
+        for (const Skipped &entry : context.skipped)
+            before.push_back(before.back() + lines.emplace_back(entry.line()).size());
+        const size_t count = lines.size();
+        auto length = [&](size_t kept) { return before[kept] + (kept < count ? more_line(count - kept).size() : 0); };
+        size_t kept = count;
+        while (kept > 0 && data.budget_active() && data.member_cost(member.name.size(), length(kept)) > data.room())
+            --kept;
+        TextBuffer text;
+        for (size_t i = 0; i < kept; ++i)
+            if (!text.add(lines[i]))
+                return Result::collection_error;
+        if (kept < lines.size() && !text.add(more_line(lines.size() - kept)))
+            return Result::collection_error;
         return context.write_text_member(member, text) == 0 ? Result::ok : Result::output_failure;
     });
     return made == Result::no_memory ? Result::collection_error : made;

@@ -19,15 +19,20 @@ struct RunFacts {
     int max_domains = 1;
 };
 
-// output_failure (after a message for a README that could not be put
-// together) when the member could not be written.
+// README's text.
+std::string readme_text(const RunFacts &facts);
+// output_failure when the member could not be written.
 Result write_readme(Context &context, const RunFacts &facts);
+// The most SKIPPED can take when it holds only its last line,
+// "... and N more", for a run of this many entries.
+uint64_t least_skipped_cost(Context &context, size_t entries);
 // A copy of the configuration file, unless it cannot be opened (then no
 // member); output_failure when stat fails or the output does.
 Result write_config(Context &context, const std::string &config_path);
 // One line for each entry the deadline or the budget left out, written
-// only when there is one. collection_error when it could not be put
-// together, output_failure when the output failed.
+// only when there is one; under a budget, the lines that fit, then
+// "... and N more". collection_error when it could not be put together,
+// output_failure when the output failed.
 Result write_skipped(Context &context);
 // Every member made so far (what made it, how that went, sizes, CRC-32,
 // SHA-256, start and duration), the entries left out, the version, the

@@ -63,6 +63,8 @@ public:
     // A collected file still being read at this CLOCK_MONOTONIC time is
     // cut there; -1: never.
     void set_deadline(int64_t at_ms) { deadline_ms_ = at_ms; }
+    // Under a budget: bytes the archive may still take.
+    uint64_t room() const { return budget_room(nullptr); }
     // Bytes handed to the deflate stream in every member so far.
     uint64_t data_total() const { return data_total_; }
 

@@ -42,6 +42,7 @@ qt::RunResult run_large(const qt::TempDir &dir, const std::string &config, std::
     qt::write_file(dir.file("q.conf"), config);
     const bool download = job.in_child != nullptr;  // standard output made the archive's pipe
     extra.insert(extra.begin(), {"-f", "q.conf", "-a", "t.zip", "-o", download ? "-" : "out.zip", "-L", "i"});
+    job.timeout_seconds = 600;  // gigabytes to deflate on a machine that may be busy
     return qt::run_quelvane(dir, extra, job);
 }
 

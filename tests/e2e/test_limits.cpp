@@ -181,3 +181,53 @@ TEST(Limits, BudgetsHoldForEveryReaderPlainAndEncrypted)
         }
     }
 }
+
+// A budget counts every record: README, CONFIG and SKIPPED are set aside first, and a
+// budget too small for them is refused with the least that fits, which then holds. A
+// cut command keeps its notes; SKIPPED lists what fits and counts the rest.
+TEST(Limits, BudgetsCountEveryRecord)
+{
+    qt::TempDir dir;
+    const std::string noisy = qt::script(dir, "noisy", "head -c 200000 /dev/urandom | base64 -w 0 >&2\n"
+                                                       "head -c 300000 /dev/urandom\nexit 3\n");
+    std::string many;
+    for (int i = 1; i <= 600; ++i)
+        many += "cmd i,-,y,n e" + std::to_string(i) + " /bin/echo " + std::to_string(i) + "\n";
+    const struct { const char *what; std::string config, archive, budget; } CASES[] = {
+        {"long archive name", "cmd i,-,y,n a /bin/echo a\n", std::string(4000, 'x') + ".zip", "4096"},
+        {"cut command with stderr", "cmd i,-,y,n n " + noisy + "\ncmd i,-,y,n e /bin/echo e\n", "t.zip", "20K"},
+        {"600 entries", many, "t.zip", "4096"},
+    };
+    for (const auto &c : CASES) {
+        SCOPED_TRACE(c.what);
+        qt::Collect asked{c.config, {"-L", "i", "--max-size=" + c.budget}};
+        asked.archive = c.archive;
+        unlink(dir.file("out.zip").c_str());
+        qt::Collection got = qt::collect(dir, asked);
+        const std::string refused = "--max-size 4096 cannot hold README, CONFIG and SKIPPED: at least ";
+        std::string budget = c.budget;
+        if (got.run.status == 1 && got.run.err.rfind(refused, 0) == 0) {
+            EXPECT_FALSE(qt::file_exists(dir.file("out.zip")));
+            budget = got.run.err.substr(refused.size(), got.run.err.find(' ', refused.size()) - refused.size());
+            asked.args.back() = "--max-size=" + budget;
+            got = qt::collect(dir, asked);
+        }
+        ASSERT_EQ(got.run.status, 0) << got.run.err;
+        EXPECT_EQ(got.zip.problems, "");
+        EXPECT_LE(got.sent.size(), std::stoull(budget) << (budget.back() == 'K' ? 10 : 0));
+        const std::string top = c.archive.substr(0, c.archive.size() - 4) + "/";
+        const qt::Member *skipped = got.zip.find(top + "SKIPPED");
+        ASSERT_NE(skipped, nullptr);
+        const std::vector<std::string> lines = qt::split_lines(skipped->data);
+        if (c.config == many) {
+            ASSERT_EQ(lines.back().substr(0, 8), "... and ");
+            EXPECT_EQ(lines.size() - 1 + std::stoul(lines.back().substr(8)), 600u);
+        }
+        const qt::Member *err = got.zip.find(top + "n/" + qt::flat(noisy) + ".err");
+        if (c.budget == "20K") {
+            ASSERT_NE(err, nullptr);
+            EXPECT_NE(err->data.find("QUELVANE MSG: Data cut at "), std::string::npos) << err->data.substr(0, 200);
+            EXPECT_NE(err->data.find("QUELVANE MSG: Child exited with 3: No such process\n"), std::string::npos);
+        }
+    }
+}

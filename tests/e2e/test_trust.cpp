@@ -69,7 +69,7 @@ TEST(Trust, ProgressLinesAndManifestTellAMixedRun)
     EXPECT_EQ(described["t/gone/@bin@no-such-program.err"]["result"]["status"], "missing");
     EXPECT_EQ(described["t/f/" + qt::flat(dir.file("data"))]["made_by"]["path"], dir.file("data"));
     EXPECT_EQ(described["t/ok/@bin@echo_fine.out"]["made_by"]["command"], "/bin/echo fine");
-    EXPECT_GE(described["t/slow/@bin@sleep_10.out"]["duration_ms"], 1000);
+    EXPECT_GE(described["t/slow/@bin@sleep_10.out"]["duration_ms"], 900);  // from its header, just after the timer
 }
 
 // Every encryption in both modes: the console says no more than for a plain run, openssl
