@@ -27,28 +27,6 @@ std::string utc_time(int64_t milliseconds)
     return text;
 }
 
-// The length of the valid UTF-8 sequence at text[at], or 0.
-size_t utf8_length(const std::string &text, size_t at)
-{
-    const auto byte = [&](size_t i) { return at + i < text.size() ? static_cast<unsigned char>(text[at + i]) : 0; };
-    const unsigned char first = byte(0);
-    const auto follows = [&](size_t i, unsigned char low, unsigned char high) { return byte(i) >= low && byte(i) <= high; };
-    if (first < 0x80)
-        return 1;
-    if (first >= 0xc2 && first <= 0xdf)
-        return follows(1, 0x80, 0xbf) ? 2 : 0;
-    if (first >= 0xe0 && first <= 0xef) {
-        // No overlong forms, no surrogates.
-        const unsigned char low = first == 0xe0 ? 0xa0 : 0x80, high = first == 0xed ? 0x9f : 0xbf;
-        return follows(1, low, high) && follows(2, 0x80, 0xbf) ? 3 : 0;
-    }
-    if (first >= 0xf0 && first <= 0xf4) {
-        const unsigned char low = first == 0xf0 ? 0x90 : 0x80, high = first == 0xf4 ? 0x8f : 0xbf;
-        return follows(1, low, high) && follows(2, 0x80, 0xbf) && follows(3, 0x80, 0xbf) ? 4 : 0;
-    }
-    return 0;
-}
-
 // A text as a JSON string under key: as it stands when it is UTF-8;
 // otherwise U+FFFD for each byte that is not, and the exact bytes in
 // base64 beside it, under "<key>_base64".

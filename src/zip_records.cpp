@@ -14,6 +14,9 @@ constexpr uint32_t ZIP64_LOCATOR_SIGNATURE = 0x07064b50;
 constexpr uint32_t ZIP64_VERSION = 45;
 constexpr uint32_t ZIP64_EXTRA_ID = 0x0001;
 constexpr uint32_t MAX_U16 = 0xffff;
+// A member with a UTF-8 name comes from a Unix host, as a regular file.
+constexpr uint32_t HOST_UNIX = 3;
+constexpr uint32_t UNIX_FILE_ATTRIBUTES = 0100644u << 16;
 constexpr uint32_t MAX_U32 = 0xffffffff;
 
 }  // namespace
@@ -92,8 +95,12 @@ void add_central_record(Record &record, const ZipMember &member)
     // record is the plain ZIP 2.0 one.
     const bool zip64 = member.local_header_offset >= MAX_U32;
     const uint32_t version = zip64 ? ZIP64_VERSION : ZIP_VERSION;
+    // A UTF-8 name comes from a Unix host: unzip converts the names of
+    // MS-DOS hosts from their code page whatever the flag says. That host's
+    // attributes are a mode, rw-r--r--.
+    const bool unix_host = (member.flags & ZIP_FLAG_UTF8) != 0;
     record.u32(CENTRAL_SIGNATURE)                       // central header signature
-        .u16(version)                                   // version made by (host byte 0)
+        .u16((unix_host ? HOST_UNIX << 8 : 0) | version)  // version made by (host, then version)
         .u16(version)                                   // version needed to extract
         .u16(member.flags)                              // general-purpose flags
         .u16(ZIP_METHOD_DEFLATE)                        // compression method
@@ -107,7 +114,7 @@ void add_central_record(Record &record, const ZipMember &member)
         .u16(0)                                         // file comment length
         .u16(0)                                         // disk number start
         .u16(0)                                         // internal attributes
-        .u32(0)                                         // external attributes
+        .u32(unix_host ? UNIX_FILE_ATTRIBUTES : 0)      // external attributes
         .u32(zip64 ? MAX_U32 : static_cast<uint32_t>(member.local_header_offset));  // local header offset
     // Unlike the local header, the whole name follows even when its length
     // wrapped; the directory size counts it all.
@@ -154,4 +161,37 @@ void add_end_records(Record &record, uint64_t count, uint64_t directory_size, ui
         .u32(directory_size >= MAX_U32 ? MAX_U32 : static_cast<uint32_t>(directory_size))  // directory size
         .u32(directory_offset >= MAX_U32 ? MAX_U32 : static_cast<uint32_t>(directory_offset))  // directory offset
         .u16(0);                                        // comment length
+}
+
+// The length of the valid UTF-8 sequence at text[at], or 0.
+size_t utf8_length(const std::string &text, size_t at)
+{
+    const auto byte = [&](size_t i) { return at + i < text.size() ? static_cast<unsigned char>(text[at + i]) : 0; };
+    const unsigned char first = byte(0);
+    const auto follows = [&](size_t i, unsigned char low, unsigned char high) { return byte(i) >= low && byte(i) <= high; };
+    if (first < 0x80)
+        return 1;
+    if (first >= 0xc2 && first <= 0xdf)
+        return follows(1, 0x80, 0xbf) ? 2 : 0;
+    if (first >= 0xe0 && first <= 0xef) {
+        // No overlong forms, no surrogates.
+        const unsigned char low = first == 0xe0 ? 0xa0 : 0x80, high = first == 0xed ? 0x9f : 0xbf;
+        return follows(1, low, high) && follows(2, 0x80, 0xbf) ? 3 : 0;
+    }
+    if (first >= 0xf0 && first <= 0xf4) {
+        const unsigned char low = first == 0xf0 ? 0x90 : 0x80, high = first == 0xf4 ? 0x8f : 0xbf;
+        return follows(1, low, high) && follows(2, 0x80, 0xbf) && follows(3, 0x80, 0xbf) ? 4 : 0;
+    }
+    return 0;
+}
+
+bool utf8_flagged(const std::string &name)
+{
+    bool past_ascii = false;
+    for (size_t at = 0, length; at < name.size(); at += length) {
+        if ((length = utf8_length(name, at)) == 0)
+            return false;
+        past_ascii = past_ascii || length > 1;
+    }
+    return past_ascii;
 }

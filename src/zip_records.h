@@ -17,6 +17,8 @@ enum MemberKind : int32_t {
 // descriptor after the data (bit 3), since the output cannot be rewound.
 constexpr uint32_t ZIP_VERSION = 20;
 constexpr uint32_t ZIP_FLAG_DESCRIPTOR = 8;
+// The name is UTF-8 (the language-encoding flag).
+constexpr uint32_t ZIP_FLAG_UTF8 = 0x800;
 constexpr uint32_t ZIP_METHOD_DEFLATE = 8;
 
 constexpr uint32_t LOCAL_HEADER_SIZE = 30;
@@ -63,6 +65,12 @@ struct ZipMember {
 // A collected file's size and time; the size is clamped (and marked cut)
 // at ZIP_MEMBER_LIMIT.
 void member_from_stat(ZipMember *member, int64_t size, time_t mtime);
+
+// The length of the valid UTF-8 sequence at text[at], or 0.
+size_t utf8_length(const std::string &text, size_t at);
+// Whether a member name takes ZIP_FLAG_UTF8: it holds bytes past ASCII, and
+// all of it is valid UTF-8. Other names keep the flags they had.
+bool utf8_flagged(const std::string &name);
 
 // t as MS-DOS date << 16 | time, local time; before 1980 its first second.
 uint32_t zip_dos_datetime(time_t t);

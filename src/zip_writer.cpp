@@ -11,6 +11,8 @@ int ZipWriter::begin_member(ZipMember &member)
     // reads as 1 January 1980; only generated members take "now" for 0.
     const time_t when = member.mtime == 0 && member.kind != MEMBER_FILE ? time(nullptr) : member.mtime;
     member.dos_datetime = zip_dos_datetime(when);
+    if (utf8_flagged(member.name))
+        member.flags |= ZIP_FLAG_UTF8;
     member.local_header_offset = stream_.offset();
     Record header;
     add_local_header(header, member);

@@ -432,10 +432,20 @@ Archive read_archive(const std::string &path, const std::set<std::string> &flagg
 {
     Archive archive;
     std::string &problems = archive.problems;
-    const RunResult unzip = run_program("/usr/bin/unzip", {"-t", "-q", path});
+    // The readers as an operator's shell runs them, in a UTF-8 locale.
+    auto reader = [](const std::string &program, const std::vector<std::string> &args, const std::string &input = "") {
+        RunSpec job;
+        job.program = program;
+        job.args = args;
+        job.stdin_data = input;
+        job.env = {"LC_ALL=C.UTF-8"};
+        job.timeout_seconds = 120;
+        return run(job);
+    };
+    const RunResult unzip = reader("/usr/bin/unzip", {"-t", "-q", path});
     if (unzip.status != 0)
         problems += "unzip -t failed (" + std::to_string(unzip.status) + "): " + unzip.out + unzip.err;
-    const RunResult python = run_program("/usr/bin/python3", {"-c", READER, path});
+    const RunResult python = reader("/usr/bin/python3", {"-c", READER, path});
     const std::vector<std::string> refused = split_lines(python.err);
     if (python.status != 0)
         problems += "python zipfile could not open it: " + python.err;
@@ -443,12 +453,20 @@ Archive read_archive(const std::string &path, const std::set<std::string> &flagg
         problems += "python zipfile flagged " + describe({refused.begin(), refused.end()}) + ", expected " +
                     describe(flagged) + "\n";
     archive.members = parse_listing(python.out, &problems);
+    // unzip shows each name that is ASCII or flagged UTF-8 as it is.
+    const std::vector<std::string> listed = split_lines(reader("/usr/bin/unzip", {"-Z1", path}).out);
+    for (size_t i = 0; i < archive.members.size() && i < listed.size(); ++i) {
+        const Member &m = archive.members[i];
+        const bool plain = std::all_of(m.name.begin(), m.name.end(), [](char c) { return (c & 0x80) == 0; });
+        if ((plain || (m.flags & 0x800)) && listed[i] != m.name && m.name.find('\n') == std::string::npos)
+            problems += "unzip -Z1 lists " + listed[i] + " for " + m.name + "\n";
+    }
     // bsdtar reads the stream front to back from a pipe, as a browser
     // download would arrive; an archive past 1 GiB (a sparse one) from its file.
     struct stat status;
     const bool large = stat(path.c_str(), &status) == 0 && status.st_size > (off_t{1} << 30);
-    const RunResult extract = large ? run_program("/usr/bin/bsdtar", {"-xOf", path})
-                                    : run_program("/usr/bin/bsdtar", {"-xOf", "-"}, read_file(path));
+    const RunResult extract = large ? reader("/usr/bin/bsdtar", {"-xOf", path})
+                                    : reader("/usr/bin/bsdtar", {"-xOf", "-"}, read_file(path));
     std::set<std::string> wrong_size;
     for (const std::string &line : split_lines(extract.err)) {
         const size_t at = line.find(": ZIP uncompressed data is wrong size");
