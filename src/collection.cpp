@@ -119,19 +119,48 @@ Result walk_entry(Context &context, const ConfigEntry &entry, size_t number, con
     return Result::ok;
 }
 
+std::vector<const ConfigEntry *> select(const Config &config, const Selection &selection)
+{
+    std::vector<const ConfigEntry *> selected;
+    for (const ConfigEntry &entry : config.entries)
+        if ((!selection.sp_sw_down || entry.collect_when_spswdown) && (entry.datasets & selection.datasets) != 0)
+            selected.push_back(&entry);
+    return selected;
+}
+
 }  // namespace
+
+Result list_entries(Context &context, const Config &config, const Selection &selection)
+{
+    return guarded([&] {
+        for (const ConfigEntry *entry : select(config, selection)) {
+            const char *kind = entry_kind_name(entry->type);
+            const std::string timeout = entry->is_command() ? std::to_string(entry->timeout) : "-";
+            std::vector<EntryNames> names;
+            for (int index = 0; entry->is_command(); ++index) {
+                names.push_back(context.command_names(*entry, command_line(*entry, index)));
+                if (!entry->uses_domain || index + 1 >= selection.max_domains)
+                    break;
+            }
+            for (const std::string &path : entry->is_command() ? std::vector<std::string>{}
+                                           : entry->literal_path ? std::vector<std::string>{entry->path}
+                                                                 : expand_pattern(entry->path, false))
+                names.push_back(context.file_names(*entry, path));
+            for (const EntryNames &name : names)
+                printf("%s %s %s %s\n", kind, timeout.c_str(), name.out.c_str(), name.origin.c_str());
+        }
+        return Result::ok;
+    });
+}
 
 Result walk_entries(Context &context, const Config &config, const Selection &selection, int *errors)
 {
     return guarded([&] {
-        std::vector<const ConfigEntry *> selected;
+        const std::vector<const ConfigEntry *> selected = select(config, selection);
         std::vector<EntryNames> names;
         std::vector<std::string> members;
-        for (const ConfigEntry &entry : config.entries) {
-            if ((selection.sp_sw_down && !entry.collect_when_spswdown) || (entry.datasets & selection.datasets) == 0)
-                continue;
-            selected.push_back(&entry);
-            names.push_back(first_names(context, entry));
+        for (const ConfigEntry *entry : selected) {
+            names.push_back(first_names(context, *entry));
             members.push_back(names.back().out);
         }
         const std::vector<uint64_t> reserve = skipped_reserves(context, selected, members);

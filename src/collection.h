@@ -20,4 +20,8 @@ struct Selection {
 // output_failure or no_memory when the walk stopped.
 Result walk_entries(Context &context, const Config &config, const Selection &selection, int *errors);
 
+// What the walk would collect, one line a member on standard output
+// ("kind time-out member source"), running nothing.
+Result list_entries(Context &context, const Config &config, const Selection &selection);
+
 #endif

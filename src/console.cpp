@@ -146,10 +146,57 @@ Result password_from_terminal(char *buffer)
     return result;
 }
 
+namespace {
+
+// ASCII letters and digits, whatever the locale says.
+bool alnum(unsigned char c)
+{
+    return (c >= '0' && c <= '9') || ((c | 0x20) >= 'a' && (c | 0x20) <= 'z');
+}
+
+bool token_char(unsigned char c)
+{
+    return alnum(c) || (c != 0 && strchr("!#$%&'*+-.^_`|~", c) != nullptr);
+}
+
+// A header parameter's value: a token as it stands, anything else as a
+// quoted string (the name has no control bytes: they are refused).
+std::string parameter(const std::string &value)
+{
+    bool token = !value.empty();
+    for (const unsigned char c : value)
+        token = token && c < 0x80 && token_char(c);
+    if (token)
+        return value;
+    std::string quoted = "\"";
+    for (const char c : value)
+        quoted += c == '"' || c == '\\' ? std::string("\\") + c : std::string(1, c);
+    return quoted + "\"";
+}
+
+// RFC 5987's extended value for a name with bytes past ASCII.
+std::string extended(const std::string &value)
+{
+    std::string encoded = "UTF-8''";
+    for (const unsigned char c : value) {
+        char escape[4];
+        snprintf(escape, sizeof escape, "%%%02X", c);
+        encoded += alnum(c) || (c != 0 && c < 0x80 && strchr("!#$&+-.^_`|~", c) != nullptr) ? std::string(1, char(c)) : escape;
+    }
+    return encoded;
+}
+
+}  // namespace
+
 std::string download_header(const std::string &name)
 {
-    return "Cache-Control: public\nPragma: public\nContent-Disposition: attachment; filename=" + name +
-           "\nContent-Type: application/octet-stream; name=" + name + "\n\n";
+    bool past_ascii = false;
+    for (const unsigned char c : name)
+        past_ascii = past_ascii || c >= 0x80;
+    const std::string value = parameter(name);
+    return "Cache-Control: public\nPragma: public\nContent-Disposition: attachment; filename=" + value +
+           (past_ascii ? "; filename*=" + extended(name) : "") + "\nContent-Type: application/octet-stream; name=" +
+           value + "\n\n";
 }
 
 int injected_spswdown()

@@ -29,7 +29,8 @@ constexpr uint64_t MIN_MAX_SIZE = 4096;
 // Additions to the command line are long options only, so that every short
 // option, message and exit status stays as it was.
 enum { OPTION_HELP = 256, OPTION_VERSION, OPTION_PROGRESS_FD, OPTION_DEADLINE, OPTION_GENTLE, OPTION_MAX_SIZE,
-       OPTION_MANIFEST, OPTION_CHECKSUM, OPTION_SCRUB, OPTION_PBKDF2, OPTION_KEEPALIVE, OPTION_RECIPIENT };
+       OPTION_MANIFEST, OPTION_CHECKSUM, OPTION_SCRUB, OPTION_PBKDF2, OPTION_KEEPALIVE, OPTION_DRY_RUN,
+       OPTION_RECIPIENT };
 const struct option LONG_OPTIONS[] = {
     {"help", no_argument, nullptr, OPTION_HELP},
     {"version", no_argument, nullptr, OPTION_VERSION},
@@ -43,6 +44,7 @@ const struct option LONG_OPTIONS[] = {
     {"pbkdf2", optional_argument, nullptr, OPTION_PBKDF2},
     {"recipient", required_argument, nullptr, OPTION_RECIPIENT},
     {"keepalive", required_argument, nullptr, OPTION_KEEPALIVE},
+    {"dry-run", no_argument, nullptr, OPTION_DRY_RUN},
     {nullptr, 0, nullptr, 0},
 };
 
@@ -76,6 +78,7 @@ const char *const HELP_LINES[] = {
     "      --pbkdf2[=ITER]      with -e: a PBKDF2-SHA256 key (openssl enc -pbkdf2 -iter ITER)",
     "      --recipient=CERT     encrypt to CERT's key as CMS (openssl cms -decrypt), no password",
     "      --keepalive=SECONDS  with -o -: bytes on the wire while a command is silent that long",
+    "      --dry-run            list the members -L would collect; run and write nothing",
     "      --help       this list, then exit",
     "      --version    the name and version, then exit",
 };
@@ -112,6 +115,12 @@ bool parse_number(const char *text, const char *suffixes, uint64_t low, uint64_t
 
 Result archive_name(Options &o, const char *arg)
 {
+    // A name goes into the download header: no byte of it may end a line.
+    for (const char *c = arg; *c != '\0'; ++c)
+        if (static_cast<unsigned char>(*c) < 0x20 || *c == 0x7f) {
+            fputs(_("archive-name may not contain control characters\n"), stderr);
+            return Result::refused;
+        }
     if (strchr(arg, '/') != nullptr) {
         fprintf(stderr, _("archive-name may not contain '/': '%s'\n"), arg);
         return Result::refused;
@@ -257,6 +266,7 @@ const struct Rule {
     {OPTION_PBKDF2, Again::allowed, nullptr, pbkdf2},
     {OPTION_RECIPIENT, Again::allowed, nullptr, [](Options &o, const char *arg) { return o.recipient = arg, Result::ok; }},
     {OPTION_KEEPALIVE, Again::allowed, nullptr, keepalive},
+    {OPTION_DRY_RUN, Again::allowed, nullptr, [](Options &o, const char *) { return o.dry_run = true, Result::ok; }},
 };
 
 // The option getopt could not take: an argument missing or unwanted, or an
@@ -326,7 +336,7 @@ Result check_combinations(const Options &o, const Given &seen)
                               ? _("Invalid file descriptor passed to --progress-fd: -I reads the password from it.\n")
                           : o.progress_fd != -1 && same_file(o.progress_fd, o.download ? STDOUT_FILENO : -1, o.output_path)
                               ? _("Invalid file descriptor passed to --progress-fd: it is the archive's output.\n")
-                          : !seen('o')                       ? _("At least one output mode must be specified\n")
+                          : !seen('o') && !o.dry_run         ? _("At least one output mode must be specified\n")
                           : o.have_device && o.download
                               ? _("Internal error.  USB Device Mode and BUI Download Mode specified simultaneously.\n")
                           // In browser usage nobody is there to answer a prompt.

@@ -35,6 +35,7 @@ struct Options {
     unsigned deadline = 0;              // --deadline, seconds
     bool gentle = false;                // --gentle
     unsigned keepalive = 0;             // --keepalive, seconds
+    bool dry_run = false;               // --dry-run
     uint64_t max_size = 0;              // --max-size, bytes
     bool manifest = false;              // --manifest
     std::string checksum_path;          // --checksum

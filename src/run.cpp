@@ -345,6 +345,8 @@ Result finish_output(Run &run, Result result)
 Result set_up(Run &run)
 {
     const Options &o = run.options;
+    if (o.download && isatty(STDOUT_FILENO))
+        return say(Result::refused, _("Refusing to write the archive to a terminal\n"));
     if (o.progress_fd != -1)
         run.progress.open(o.progress_fd);
     if (o.deadline != 0) {
@@ -386,8 +388,27 @@ void report_end(Run &run, Result result)
     run.progress.event("FAIL %d %s\n", exit_status(result), failure_reason(result));
 }
 
+// --dry-run: the members the walk would make, named as in a run (scrubbed
+// too); nothing runs, nothing is written.
+Result dry_run(Run &run)
+{
+    const Options &o = run.options;
+    if (!o.scrub_path.empty() && run.scrub.load(o.scrub_path) != Result::ok)
+        return Result::refused;
+    Config config;
+    if (read_config(o.config_path, o.archive_base, o.log_only, &config) != Result::ok) {
+        fprintf(stderr, _("Error reading config file: %s\n"), o.config_path.c_str());
+        return Result::bad_config;
+    }
+    ZipWriter zip(run.sink, run.scrub, Z_DEFAULT_COMPRESSION, false);
+    Context context{run.console, run.progress, run.pacing, run.scrub, zip, run.scrub.text(o.archive_base)};
+    return list_entries(context, config, {o.datasets, injected_spswdown() != 0, 1});
+}
+
 int run_collection(Run &run)
 {
+    if (run.options.dry_run)
+        return exit_status(dry_run(run));
     Result result = set_up(run);
     if (result == Result::ok) {
         result = collect(run);
