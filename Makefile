@@ -12,12 +12,15 @@ CONF       ?= examples/quelvane.conf
 # name:Debian architecture:triplet of each cross target
 CROSS_TARGETS ?= aarch64:arm64:aarch64-linux-gnu armhf:armhf:arm-linux-gnueabihf s390x:s390x:s390x-linux-gnu
 
-.PHONY: all deps build build-asan build-fuzz cross package run test test-normal test-asan test-fuzz test-cross test-package fuzz bench coverage clean
+.PHONY: all deps deps-test build build-asan build-fuzz cross package run test test-normal test-asan test-fuzz test-cross test-package fuzz bench coverage clean
 
 all: build
 
 deps:
 	scripts/install-deps
+
+deps-test:
+	scripts/install-deps --test
 
 build: deps
 	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
@@ -27,12 +30,12 @@ build-asan: deps
 	cmake -S . -B $(ASAN_BUILD) -DCMAKE_BUILD_TYPE=Debug -DQUELVANE_SANITIZE=ON >/dev/null
 	cmake --build $(ASAN_BUILD) -j $(JOBS)
 
-build-fuzz: deps
+build-fuzz: deps-test
 	cmake -S . -B $(FUZZ_BUILD) -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_COMPILER=clang++ -DQUELVANE_FUZZ=ON >/dev/null
 	cmake --build $(FUZZ_BUILD) -j $(JOBS)
 
 # build-<name>/quelvane for every cross target, with its tests.
-cross: deps
+cross: deps-test
 	@set -e; for target in $(CROSS_TARGETS); do \
 	    set -- $$(echo $$target | tr : ' '); \
 	    scripts/cross-sysroot $$2 $$3; \
@@ -71,10 +74,10 @@ run: build
 
 test: test-normal test-asan test-fuzz test-cross test-package
 
-test-normal: build
+test-normal: deps-test build
 	cd $(BUILD) && ctest -j $(JOBS) --output-on-failure
 
-test-asan: build-asan
+test-asan: deps-test build-asan
 	cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=1 ctest -j $(JOBS) --output-on-failure
 
 # Both harnesses side by side, each for $(1) seconds; new inputs go to the build
@@ -91,13 +94,13 @@ test-fuzz: build-fuzz
 fuzz: build-fuzz
 	$(call run-fuzzers,$(FUZZ_SECONDS))
 
-bench: build
+bench: deps-test build
 	bench/run-bench $(BUILD)
 
 # Line coverage of src/ by the whole native suite. A test that runs the tool
 # under a file-size limit fails here only because the instrumentation
 # cannot write its counts; the report is what counts.
-coverage: deps
+coverage: deps-test
 	cmake -S . -B $(COVERAGE_BUILD) -DCMAKE_BUILD_TYPE=Debug -DQUELVANE_COVERAGE=ON >/dev/null
 	cmake --build $(COVERAGE_BUILD) -j $(JOBS)
 	find $(COVERAGE_BUILD) -name '*.gcda' -delete

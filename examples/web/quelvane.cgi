@@ -1,12 +1,16 @@
 #!/bin/sh
 # CGI for a controller's web UI: the controller's state as a download named
 # controller-<host>.zip, streamed while it is collected, ended in time.
+# Only a POST starts a collection: a GET, a HEAD or a link prefetch gets 405.
 # With ?run=ID (letters and digits, as index.html makes them) the progress
 # lines go to a file of that run, which progress.cgi serves to the page.
 # Set QUELVANE, QUELVANE_CONF, QUELVANE_DEADLINE and QUELVANE_PROGRESS_DIR in
-# the server's CGI environment to move them.
-name="controller-$(hostname).zip"
-set -- -b -L A -f "${QUELVANE_CONF:-/etc/quelvane.conf}" -a "$name" -o - \
+# the server's CGI environment to move them. The tool runs as the web
+# server's user, and reads only what that user may.
+. "${0%/*}/quelvane-cgi.sh"
+require_post
+name="controller-$(host_name).zip"
+set -- -L A -f "${QUELVANE_CONF:-/etc/quelvane.conf}" -a "$name" -o - \
     --deadline="${QUELVANE_DEADLINE:-300}" --keepalive=5
 run=$(printf '%s' "$QUERY_STRING" | sed -n 's/^\(.*&\)\{0,1\}run=\([A-Za-z0-9]\{1,64\}\)\(&.*\)\{0,1\}$/\2/p')
 dir="${QUELVANE_PROGRESS_DIR:-/run/lighttpd/quelvane}"
@@ -22,4 +26,5 @@ if [ -n "$run" ] && (umask 077 && mkdir -p "$dir") 2>/dev/null && [ -O "$dir" ] 
         set -- "$@" --progress-fd=4
     fi
 fi
+send_headers application/zip "$name"
 exec "${QUELVANE:-/usr/bin/quelvane}" "$@"

@@ -1,12 +1,12 @@
 # Downloads with a real headless Chromium, driven through its DevTools protocol (a minimal
-# WebSocket client, standard library only), into DEST; prints the suggested file name and
-# how the download ended. Usage: python3 browser_download.py DEBUG_PORT URL DEST [BUTTON]
-# With BUTTON, URL is a page: the button of that id is clicked, and the page's progress
-# (#overall's value while the download runs) and final #status text are printed too.
+# WebSocket client, standard library only), into DEST: the page at URL is opened and its
+# button of id BUTTON clicked; prints the page's progress (#overall's value while the
+# download runs), its final #status text, the suggested file name and how the download
+# ended. Usage: python3 browser_download.py DEBUG_PORT URL DEST BUTTON
 import base64, json, os, socket, subprocess, sys, time, urllib.request
 
 port, url, dest = int(sys.argv[1]), sys.argv[2], sys.argv[3]
-button = sys.argv[4] if len(sys.argv) > 4 else None
+button = sys.argv[4]
 browser = subprocess.Popen(
     ["chromium", "--headless=new", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
      "--disable-background-networking", "--disable-component-update", "--disable-sync",
@@ -58,27 +58,23 @@ try:
     call("Browser.setDownloadBehavior", {"behavior": "allow", "downloadPath": dest, "eventsEnabled": True})
     target = call("Target.createTarget", {"url": url})["targetId"]
     deadline = time.time() + 60
-    if button:
-        session = call("Target.attachToTarget", {"targetId": target, "flatten": True})["sessionId"]
-        # A new target is about:blank, already "complete", until the page replaces it.
-        loaded = "document.readyState == 'complete' && !!document.getElementById(%s)" % json.dumps(button)
-        while not evaluate(session, loaded) and time.time() < deadline:
-            time.sleep(0.05)
-        evaluate(session, "document.getElementById(%s).click()" % json.dumps(button))
-        seen, status = [], ""
-        while time.time() < deadline:
-            value, status = evaluate(session, "[document.getElementById('overall').value, "
-                                              "document.getElementById('status').textContent]")
-            if download["state"] in (None, "inProgress") and (not seen or seen[-1] != value):
-                seen.append(value)
-            if download["state"] not in (None, "inProgress") and status.startswith(("Archive", "Collection")):
-                break
-            time.sleep(0.05)
-        print("progress while downloading:", " ".join("%g" % v for v in seen))
-        print("status:", status)
-    else:
-        while time.time() < deadline and download["state"] in (None, "inProgress"):
-            receive()
+    session = call("Target.attachToTarget", {"targetId": target, "flatten": True})["sessionId"]
+    # A new target is about:blank, already "complete", until the page replaces it.
+    loaded = "document.readyState == 'complete' && !!document.getElementById(%s)" % json.dumps(button)
+    while not evaluate(session, loaded) and time.time() < deadline:
+        time.sleep(0.05)
+    evaluate(session, "document.getElementById(%s).click()" % json.dumps(button))
+    seen, status = [], ""
+    while time.time() < deadline:
+        value, status = evaluate(session, "[document.getElementById('overall').value, "
+                                          "document.getElementById('status').textContent]")
+        if download["state"] in (None, "inProgress") and (not seen or seen[-1] != value):
+            seen.append(value)
+        if download["state"] not in (None, "inProgress") and status.startswith(("Archive", "Collection")):
+            break
+        time.sleep(0.05)
+    print("progress while downloading:", " ".join("%g" % v for v in seen))
+    print("status:", status)
     print(download["name"], download["state"])
 finally:
     browser.kill()

@@ -33,7 +33,7 @@ public:
     explicit WebServer(const qt::TempDir &dir) : got(dir.file("got")), dir_(dir), port_(qt::free_port())
     {
         mkdir(got.c_str(), 0755);
-        for (const char *cgi : {"quelvane.cgi", "quelvane-encrypted.cgi", "progress.cgi"})
+        for (const char *cgi : {"quelvane.cgi", "quelvane-encrypted.cgi", "progress.cgi", "quelvane-cgi.sh"})
             qt::script(dir, cgi, qt::read_file(std::string(QUELVANE_SOURCE_DIR "/examples/web/") + cgi));
         qt::write_file(dir.file("index.html"), qt::read_file(QUELVANE_SOURCE_DIR "/examples/web/index.html"));
         // The plain CGI under a shell that outlives the server's signals and notes the tool's status.
@@ -89,38 +89,35 @@ TEST(Web, DownloadsThroughARealServer)
     // A slow first command: the download header and the first members come at once.
     ASSERT_TRUE(qt::write_file(dir.file("q.conf"), "cmd A,5,y,n slow /bin/sleep 1\ncmd A,5,y,n a /bin/echo first\n"));
     qt::RunResult curl = qt::run_program(
-        "/bin/sh", {"-c", "cd " + got + " && curl -sS -OJ -w '%{time_starttransfer}' " + server.url("quelvane.cgi")});
+        "/bin/sh", {"-c", "cd " + got + " && curl -sS -d '' -OJ -w '%{time_starttransfer}' " + server.url("quelvane.cgi")});
     ASSERT_EQ(curl.status, 0) << curl.err;
     EXPECT_LT(std::stod(curl.out), 0.5) << "seconds to the first byte";
     qt::Archive zip = qt::read_archive(got + "/" + saved);
     EXPECT_EQ(zip.problems, "");
     EXPECT_EQ(zip.members.size(), 4u);
 
-    // Encrypted, the password on a descriptor; the newline the file ends in counts.
-    unlink((got + "/" + saved).c_str());
-    curl = qt::run_program("/bin/sh", {"-c", "cd " + got + " && curl -sS -OJ " + server.url("quelvane-encrypted.cgi")});
-    ASSERT_EQ(curl.status, 0) << curl.err;
-    EXPECT_EQ(qt::openssl_decrypt(got + "/" + saved, "secret\n", dir.file("opened.zip")), "");
-    EXPECT_EQ(qt::read_archive(dir.file("opened.zip")).problems, "");
+    // Only a POST starts a collection.
+    for (const char *method : {"GET", "HEAD"})
+        EXPECT_EQ(qt::run_program("/usr/bin/curl", {"-s", "-o", "/dev/null", "-w", "%{http_code}", "-X", method,
+                                                    server.url("quelvane.cgi")}).out, "405") << method;
 
-    // A real browser saves it under the suggested name.
-    unlink((got + "/" + saved).c_str());
-    qt::RunResult browser = qt::run_program("/usr/bin/python3", {QUELVANE_SOURCE_DIR "/tests/e2e/browser_download.py",
-                                                                 std::to_string(qt::free_port()), server.url("quelvane.cgi"), got});
-    EXPECT_EQ(browser.out, saved + " completed\n") << browser.err;
-    EXPECT_EQ(qt::read_archive(got + "/" + saved).problems, "");
+    // Encrypted, the password on a descriptor; the newline the file ends in counts.
+    curl = qt::run_program("/bin/sh", {"-c", "cd " + got + " && curl -sS -d '' -OJ " + server.url("quelvane-encrypted.cgi")});
+    ASSERT_EQ(curl.status, 0) << curl.err;
+    EXPECT_EQ(qt::openssl_decrypt(got + "/" + saved + ".enc", "secret\n", dir.file("opened.zip")), "");
+    EXPECT_EQ(qt::read_archive(dir.file("opened.zip")).problems, "");
 
     // The client goes away mid-download: status 2 within a few seconds, the command
     // stopped, the lock free; then the next download works.
     ASSERT_TRUE(qt::write_file(dir.file("q.conf"), "cmd A,30,y,n flood /bin/dd if=/dev/urandom bs=64k count=100000\n"));
-    EXPECT_EQ(qt::run_program("/usr/bin/curl", {"-sS", "-o", "/dev/null", "--max-time", "1", server.url("status.cgi")}).status, 28);
+    EXPECT_EQ(qt::run_program("/usr/bin/curl", {"-sS", "-d", "", "-o", "/dev/null", "--max-time", "1", server.url("status.cgi")}).status, 28);
     for (int i = 0; i < 100 && !qt::file_exists(dir.file("status")); ++i)
         usleep(100000);
     EXPECT_EQ(qt::read_file(dir.file("status")), "2\n");
     EXPECT_EQ(qt::left_running(dir.path()), "");
     EXPECT_FALSE(qt::file_exists(dir.file("quelvane_tmp/quelvane.quelvane")));
     ASSERT_TRUE(qt::write_file(dir.file("q.conf"), "cmd A,5,y,n a /bin/echo again\n"));
-    EXPECT_EQ(qt::run_program("/usr/bin/curl", {"-sS", "-o", dir.file("again.zip"), server.url("quelvane.cgi")}).status, 0);
+    EXPECT_EQ(qt::run_program("/usr/bin/curl", {"-sS", "-d", "", "-o", dir.file("again.zip"), server.url("quelvane.cgi")}).status, 0);
     EXPECT_EQ(qt::read_archive(dir.file("again.zip")).problems, "");
 
     // A run whose progress file exists, and a progress directory anyone may write to:
@@ -129,7 +126,7 @@ TEST(Web, DownloadsThroughARealServer)
     ASSERT_TRUE(qt::write_file(dir.file("progress/taken.progress"), "planted\n"));
     for (const char *run : {"taken", "open"}) {
         chmod(dir.file("progress").c_str(), run == std::string("open") ? 0777 : 0700);
-        EXPECT_EQ(qt::run_program("/usr/bin/curl", {"-sS", "-o", dir.file("again.zip"), server.url("quelvane.cgi?run=") + run}).status, 0);
+        EXPECT_EQ(qt::run_program("/usr/bin/curl", {"-sS", "-d", "", "-o", dir.file("again.zip"), server.url("quelvane.cgi?run=") + run}).status, 0);
         EXPECT_EQ(qt::read_archive(dir.file("again.zip")).problems, "") << run;
     }
     EXPECT_EQ(qt::read_file(dir.file("progress/taken.progress")), "planted\n");
@@ -143,7 +140,7 @@ TEST(Web, DownloadsThroughARealServer)
     const qt::RunResult stalled = qt::run_program("/usr/bin/python3", {"-c", R"(import os, socket, sys, time
 s = socket.create_connection(('127.0.0.1', int(sys.argv[1])))
 s.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
-s.sendall(b'GET /status.cgi HTTP/1.0\r\n\r\n')
+s.sendall(b'POST /status.cgi HTTP/1.0\r\nContent-Length: 0\r\n\r\n')
 s.recv(1000)
 for _ in range(150):
     if os.path.exists(sys.argv[2]):
@@ -155,7 +152,7 @@ print(open(sys.argv[2]).read() if os.path.exists(sys.argv[2]) else 'still runnin
     EXPECT_EQ(qt::left_running(dir.path()), "");
     EXPECT_FALSE(qt::file_exists(dir.file("quelvane_tmp/quelvane.quelvane")));
     ASSERT_TRUE(qt::write_file(dir.file("q.conf"), "cmd A,5,y,n a /bin/echo again\n"));
-    EXPECT_EQ(qt::run_program("/usr/bin/curl", {"-sS", "-o", dir.file("again.zip"), server.url("quelvane.cgi")}).status, 0);
+    EXPECT_EQ(qt::run_program("/usr/bin/curl", {"-sS", "-d", "", "-o", dir.file("again.zip"), server.url("quelvane.cgi")}).status, 0);
     EXPECT_EQ(qt::read_archive(dir.file("again.zip")).problems, "");
 
     // The operator's page follows the download entry by entry.
@@ -164,7 +161,7 @@ print(open(sys.argv[2]).read() if os.path.exists(sys.argv[2]) else 'still runnin
     for (int i = 1; i <= 6; ++i)
         config += "cmd A,5,y,n step" + std::to_string(i) + " /bin/sleep 0.4\n";
     ASSERT_TRUE(qt::write_file(dir.file("q.conf"), config));
-    browser = qt::run_program("/usr/bin/python3", {QUELVANE_SOURCE_DIR "/tests/e2e/browser_download.py",
+    const qt::RunResult browser = qt::run_program("/usr/bin/python3", {QUELVANE_SOURCE_DIR "/tests/e2e/browser_download.py",
                                                    std::to_string(qt::free_port()), server.url("index.html"), got, "start"});
     std::istringstream lines(browser.out);
     std::string progress, status, outcome;
