@@ -1,19 +1,32 @@
 #!/bin/sh
 # Server-sent events for index.html: the progress lines of the download
-# started with the same ?run=ID, one event each, until its last line.
+# started with the same ?run=ID, one event each, until its last line; with
+# run=current those of the collection that runs now (a reload, a second
+# operator), or IDLE when none does. The first event names the archive.
+. "${0%/*}/quelvane-cgi.sh"
 run=$(printf '%s' "$QUERY_STRING" | sed -n 's/^\(.*&\)\{0,1\}run=\([A-Za-z0-9]\{1,64\}\)\(&.*\)\{0,1\}$/\2/p')
-file="${QUELVANE_PROGRESS_DIR:-/run/lighttpd/quelvane}/$run.progress"
+dir="${QUELVANE_PROGRESS_DIR:-/run/lighttpd/quelvane}"
 printf 'Content-Type: text/event-stream\r\nCache-Control: no-cache\r\n\r\n'
+if [ "$run" = current ]; then
+    run=$(readlink "$dir/current" 2>/dev/null | sed -n 's/^\([A-Za-z0-9]*\)\.progress$/\1/p')
+    if [ -z "$run" ] || [ ! -f "$dir/$run.progress" ] || tail -n 1 "$dir/$run.progress" | grep -q '^\(OK\|FAIL\) '; then
+        printf 'data: IDLE\n\n'
+        exit 0
+    fi
+fi
 if [ -z "$run" ]; then
     printf 'data: FAIL 1 no-run\n\n'
     exit 0
 fi
-# The download may start a moment after this stream.
+file="$dir/$run.progress"
+printf 'data: NAME controller-%s.zip\n\n' "$(host_name)"
+# The download starts a moment after this stream, or never: a tool that
+# cannot be started is reported within two seconds.
 tries=0
 while [ ! -f "$file" ]; do
     tries=$((tries + 1))
-    if [ $tries -gt 300 ]; then
-        printf 'data: FAIL 1 not-started\n\n'
+    if [ $tries -gt 20 ]; then
+        printf 'data: FAIL 127 not-started\n\n'
         exit 0
     fi
     sleep 0.1
@@ -35,4 +48,3 @@ while :; do
         sleep 0.1
     fi
 done < "$file"
-rm -f "$file"

@@ -24,7 +24,14 @@ if [ -n "$run" ] && (umask 077 && mkdir -p "$dir") 2>/dev/null && [ -O "$dir" ] 
     if (set -C && : > "$dir/$run.progress") 2>/dev/null; then
         exec 4>> "$dir/$run.progress"
         set -- "$@" --progress-fd=4
+        # The page of a second operator, or after a reload, follows this run.
+        ln -sfn "$run.progress" "$dir/current"
     fi
 fi
 send_headers application/zip "$name"
-exec "${QUELVANE:-/usr/bin/quelvane}" "$@"
+tool="${QUELVANE:-/usr/bin/quelvane}"
+if [ ! -x "$tool" ]; then
+    { [ -n "$run" ] && echo "FAIL 127 not-installed" >&4; } 2>/dev/null
+    exit 0
+fi
+exec "$tool" "$@"

@@ -1,8 +1,10 @@
 # Downloads with a real headless Chromium, driven through its DevTools protocol (a minimal
 # WebSocket client, standard library only), into DEST: the page at URL is opened and its
-# button of id BUTTON clicked; prints the page's progress (#overall's value while the
-# download runs), its final #status text, the suggested file name and how the download
-# ended. Usage: python3 browser_download.py DEBUG_PORT URL DEST BUTTON
+# button of id BUTTON clicked; once an entry runs, a second tab opens the page as another
+# operator would. Prints the page's progress (#overall's value while the download runs),
+# what the second tab showed, the final #status and #hint texts, each row's class, the
+# suggested file name and how the download ended; saves a screenshot of the finished page
+# as DEST/page.png. Usage: python3 browser_download.py DEBUG_PORT URL DEST BUTTON
 import base64, json, os, socket, subprocess, sys, time, urllib.request
 
 port, url, dest = int(sys.argv[1]), sys.argv[2], sys.argv[3]
@@ -64,17 +66,29 @@ try:
     while not evaluate(session, loaded) and time.time() < deadline:
         time.sleep(0.05)
     evaluate(session, "document.getElementById(%s).click()" % json.dumps(button))
-    seen, status = [], ""
+    seen, status, second, other = [], "", "", None
     while time.time() < deadline:
         value, status = evaluate(session, "[document.getElementById('overall').value, "
                                           "document.getElementById('status').textContent]")
         if download["state"] in (None, "inProgress") and (not seen or seen[-1] != value):
             seen.append(value)
+        if other is None and status.startswith("Collecting"):
+            other = call("Target.attachToTarget", {"targetId": call("Target.createTarget", {"url": url})["targetId"],
+                                                   "flatten": True})["sessionId"]
+        if other is not None and not second:
+            second = evaluate(other, "document.readyState == 'complete' && document.getElementById('status').textContent"
+                                     ".startsWith('Collecting') ? document.getElementById('status').textContent + ', ' + "
+                                     "document.getElementById('start').disabled : ''") or ""
         if download["state"] not in (None, "inProgress") and status.startswith(("Archive", "Collection")):
             break
         time.sleep(0.05)
     print("progress while downloading:", " ".join("%g" % v for v in seen))
+    print("second tab:", second)
     print("status:", status)
+    print("hint:", evaluate(session, "document.getElementById('hint').textContent"))
+    print("rows:", evaluate(session, "Array.from(document.querySelectorAll('#entries tr'), (r) => r.className).join(' ')"))
+    shot = call("Page.captureScreenshot", {"format": "png"}, session)
+    open(os.path.join(dest, "page.png"), "wb").write(base64.b64decode(shot["data"]))
     print(download["name"], download["state"])
 finally:
     browser.kill()

@@ -94,7 +94,7 @@ TEST(Limits, GentleCommandsRunAtTheLowestPriorities)
     qt::Collect asked{"cmd i,10,y,n s " + sleeper + "\n", {"-L", "i", "--gentle"}};
     std::vector<std::pair<int, long>> seen;  // nice, I/O priority of the tool, then the command
     asked.job.during = [&](pid_t tool) {
-        for (int i = 0; i < 1500 && !qt::file_exists(dir.file("pid")); ++i)
+        for (int i = 0; i < 3000 && !qt::file_exists(dir.file("pid")); ++i)  // past a 30 s pause on a busy machine
             std::this_thread::sleep_for(std::chrono::milliseconds(20));
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
         for (pid_t pid : {tool, static_cast<pid_t>(std::atoi(qt::read_file(dir.file("pid")).c_str()))}) {

@@ -30,7 +30,8 @@ class WebServer {
 public:
     const std::string saved = "controller-" + host_name() + ".zip", got;
 
-    explicit WebServer(const qt::TempDir &dir) : got(dir.file("got")), dir_(dir), port_(qt::free_port())
+    explicit WebServer(const qt::TempDir &dir, const std::string &tool = qt::quelvane_binary())
+        : got(dir.file("got")), dir_(dir), port_(qt::free_port())
     {
         mkdir(got.c_str(), 0755);
         for (const char *cgi : {"quelvane.cgi", "quelvane-encrypted.cgi", "progress.cgi", "quelvane-cgi.sh"})
@@ -44,7 +45,7 @@ public:
             std::to_string(port_) + "\nserver.errorlog = \"" + dir.file("error.log") +
             "\"\nserver.modules += ( \"mod_cgi\", \"mod_setenv\" )\ncgi.assign = ( \".cgi\" => \"\" )\n"
             "mimetype.assign = ( \".html\" => \"text/html\" )\n"
-            "server.stream-response-body = 2\nsetenv.add-environment = ( \"QUELVANE\" => \"" + qt::quelvane_binary() +
+            "server.stream-response-body = 2\nsetenv.add-environment = ( \"QUELVANE\" => \"" + tool +
             "\", \"QUELVANE_DEADLINE\" => \"4\", \"QUELVANE_CONF\" => \"" + dir.file("q.conf") + "\", \"QUELVANE_HOME\" => \"" + dir.path() +
             "\", \"QUELVANE_PASSWORD_FILE\" => \"" + dir.file("password") + "\", \"QUELVANE_PROGRESS_DIR\" => \"" +
             dir.file("progress") + "\", \"" +
@@ -76,6 +77,16 @@ private:
     int port_;
     pid_t pid_ = -1;
 };
+
+// The operator's page in a headless Chromium, its button clicked: the lines
+// browser_download.py prints.
+std::vector<std::string> browse(const WebServer &server, const std::string &button)
+{
+    const qt::RunResult browser = qt::run_program("/usr/bin/python3", {QUELVANE_SOURCE_DIR "/tests/e2e/browser_download.py",
+                                                  std::to_string(qt::free_port()), server.url("index.html"), server.got, button});
+    EXPECT_EQ(browser.status, 0) << browser.err;
+    return qt::split_lines(browser.out);
+}
 
 }  // namespace
 
@@ -155,31 +166,35 @@ print(open(sys.argv[2]).read() if os.path.exists(sys.argv[2]) else 'still runnin
     EXPECT_EQ(qt::run_program("/usr/bin/curl", {"-sS", "-d", "", "-o", dir.file("again.zip"), server.url("quelvane.cgi")}).status, 0);
     EXPECT_EQ(qt::read_archive(dir.file("again.zip")).problems, "");
 
-    // The operator's page follows the download entry by entry.
-    unlink((got + "/" + saved).c_str());
-    std::string config;
-    for (int i = 1; i <= 6; ++i)
-        config += "cmd A,5,y,n step" + std::to_string(i) + " /bin/sleep 0.4\n";
-    ASSERT_TRUE(qt::write_file(dir.file("q.conf"), config));
-    const qt::RunResult browser = qt::run_program("/usr/bin/python3", {QUELVANE_SOURCE_DIR "/tests/e2e/browser_download.py",
-                                                   std::to_string(qt::free_port()), server.url("index.html"), got, "start"});
-    std::istringstream lines(browser.out);
-    std::string progress, status, outcome;
-    std::getline(lines, progress);
-    std::getline(lines, status);
-    std::getline(lines, outcome);
-    EXPECT_EQ(outcome, saved + " completed") << browser.out << browser.err;
-
+    // The operator's page follows the download entry by entry, and a second operator's
+    // page shows the same run; each row's result decides its look, and the end names
+    // the file saved and counts what went wrong.
+    ASSERT_TRUE(qt::write_file(dir.file("q.conf"), "cmd A,5,y,n step1 /bin/sleep 0.4\ncmd A,5,y,n step2 /bin/sleep 0.4\n"
+                                                   "cmd A,5,y,n fails /bin/false\ncmd A,30,y,n slow /bin/sleep 10\n"
+                                                   "cmd A,5,y,n after /bin/echo after\n"));
+    const std::vector<std::string> page = browse(server, "start");
+    ASSERT_EQ(page.size(), 6u) << testing::PrintToString(page);
+    EXPECT_EQ(page[5], saved + " completed");
     // The bar moved through entries one by one while the archive was still coming.
-    std::istringstream values(progress.substr(progress.find(':') + 1));
+    std::istringstream values(page[0].substr(page[0].find(':') + 1));
     std::vector<int> seen{std::istream_iterator<int>(values), std::istream_iterator<int>()};
-    EXPECT_GE(seen.size(), 4u) << progress;
+    EXPECT_GE(seen.size(), 3u) << page[0];
     EXPECT_TRUE(std::is_sorted(seen.begin(), seen.end()) && std::adjacent_find(seen.begin(), seen.end()) == seen.end())
-        << progress;
-    // The page ends with the size of the archive it saved.
+        << page[0];
+    EXPECT_EQ(page[1].substr(0, 23), "second tab: Collecting ") << page[1];
+    EXPECT_EQ(page[1].substr(page[1].size() - 6), ", true");
     const std::string archive = qt::read_file(got + "/" + saved);
-    EXPECT_EQ(status, "status: Archive complete: " + std::to_string(archive.size()) + " bytes");
-    zip = qt::read_archive(got + "/" + saved);
-    EXPECT_EQ(zip.problems, "");
-    EXPECT_EQ(zip.members.size(), 2u + 6u);
+    EXPECT_EQ(page[2], "status: Archive complete: " + saved + ", " + std::to_string(archive.size()) +
+                           " bytes; 2 ok, 1 errors, 1 time-outs, 1 skipped");
+    EXPECT_EQ(page[3] + " / " + page[4], "hint:  / rows: ok ok error timeout skipped");
+    EXPECT_EQ(qt::read_archive(got + "/" + saved).problems, "");
+    rename((got + "/page.png").c_str(), (qt::quelvane_binary().substr(0, qt::quelvane_binary().rfind('/')) + "/web-page.png").c_str());
+
+    // A tool that cannot be started is reported at once, with what to do.
+    qt::TempDir other;
+    WebServer broken(other, other.file("not-installed"));
+    const std::vector<std::string> failed = browse(broken, "start");
+    ASSERT_EQ(failed.size(), 6u) << testing::PrintToString(failed);
+    EXPECT_EQ(failed[2] + " / " + failed[3], "status: Collection failed with status 127: not-installed / hint: "
+                                             "The tool is not installed where the CGI program looks (QUELVANE).");
 }
