@@ -178,27 +178,21 @@ Result progress_fd(Options &o, const char *arg)
     return Result::ok;
 }
 
-Result deadline(Options &o, const char *arg)
+// --NAME=SECONDS, 1 to most.
+Result seconds(const char *name, const char *arg, unsigned most, unsigned *value)
 {
-    uint64_t seconds = 0;
-    if (!parse_number(arg, "", 1, 86400, &seconds)) {
-        fprintf(stderr, _("Invalid --deadline '%s': seconds from 1 to 86400\n"), arg);
+    uint64_t given = 0;
+    if (!parse_number(arg, "", 1, most, &given)) {
+        fprintf(stderr, _("Invalid --%s '%s': seconds from 1 to %u\n"), name, arg, most);
         return Result::refused;
     }
-    o.deadline = static_cast<unsigned>(seconds);
+    *value = static_cast<unsigned>(given);
     return Result::ok;
 }
 
-Result keepalive(Options &o, const char *arg)
-{
-    uint64_t seconds = 0;
-    if (!parse_number(arg, "", 1, 3600, &seconds)) {
-        fprintf(stderr, _("Invalid --keepalive '%s': seconds from 1 to 3600\n"), arg);
-        return Result::refused;
-    }
-    o.keepalive = static_cast<unsigned>(seconds);
-    return Result::ok;
-}
+Result deadline(Options &o, const char *arg) { return seconds("deadline", arg, 86400, &o.deadline); }
+
+Result keepalive(Options &o, const char *arg) { return seconds("keepalive", arg, 3600, &o.keepalive); }
 
 Result max_size(Options &o, const char *arg)
 {
