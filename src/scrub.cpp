@@ -330,20 +330,25 @@ void Scrubber::Stream::feed(const unsigned char *data, size_t length, bool final
     s.pending.insert(s.pending.end(), data, data + length);
     // The hot loop: the raw view's state in a register, the tables at hand.
     const uint32_t *root = a.root, *child = a.child.data(), *sibling = a.sibling.data(), *fail = a.fail.data();
-    const uint32_t *match = a.match.data();
+    const uint32_t *match = a.match.data(), *depth = a.depth.data(), *second = a.second.data();
     const unsigned char *label = a.label.data();
     uint32_t state = s.raw;
+    bool decoding = s.decoding;
     for (size_t i = 0; i < length; ++i) {
         const unsigned char byte = data[i];
-        if (byte == '%' || s.decoding) {
-            if (!s.decoding)
+        if (byte == '%' || decoding) {
+            if (!decoding)
                 s.raw = state, s.start_decoding(s.position + i);
             s.decode(byte, s.position + i);
-            s.decoding = s.escape != 0 || s.plain_left > 0;
+            decoding = s.decoding = s.escape != 0 || s.plain_left > 0;
         }
         for (;;) {
             if (state == 0) {
                 state = root[byte];
+                break;
+            }
+            if (depth[state] == 1) {
+                state = second[label[state] << 8 | byte];
                 break;
             }
             uint32_t c = child[state];

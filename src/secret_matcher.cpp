@@ -191,4 +191,9 @@ void SecretMatcher::link()
             queue.push_back(c);
         }
     }
+    second.assign(256 * 256, 0);
+    for (unsigned first = 0; first < 256; ++first)
+        if (root[first] != 0)
+            for (unsigned next = 0; next < 256; ++next)
+                second[first << 8 | next] = step(root[first], static_cast<unsigned char>(next));
 }

@@ -72,6 +72,9 @@ public:
     uint32_t root[256] = {};
     Bytes label;
     LockedVector<uint32_t> child, sibling, fail, depth, match, owner;
+    // The states one byte deep, where a scan spends most of its time, as
+    // full rows: the row of the state root[b] starts at b * 256.
+    LockedVector<uint32_t> second;
     uint32_t longest = 0;
 
 private:
