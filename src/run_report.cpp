@@ -130,8 +130,10 @@ Result write_readme(Context &context, const RunFacts &facts)
         ZipMember member;
         member.name = context.top_name("README");
         TextBuffer text;
-        if (!text.add(readme_text(facts)))
+        if (!text.add(readme_text(facts))) {
+            fputs(_("Error buffering README\n"), stderr);
             return Result::output_failure;
+        }
         // Sent at once, so that an output that fails shows here.
         return context.write_text_member(member, text) == 0 && context.zip.stream().sink().flush() == 0
                    ? Result::ok
