@@ -95,7 +95,7 @@ struct Run {
 
 // The tool's writer on /dev/null at a level, as a run sets it up.
 struct Writer {
-    explicit Writer(int level) : out(open("/dev/null", O_WRONLY)), zip(sink, scrub, level, false)
+    explicit Writer(int level) : out(open("/dev/null", O_WRONLY)), zip(sink, scrub, Compression{Engine::zlib, level}, false)
     {
         sink.attach(out, true);
         if (zip.stream().start_stream() != Z_OK) {

@@ -17,5 +17,7 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 # OpenSSL's configuration header lies in the multiarch directory.
 set(CMAKE_CXX_FLAGS_INIT "-isystem ${QUELVANE_SYSROOT}/usr/include/${QUELVANE_TRIPLET}")
 
-# No binfmt_misc here: test programs run under the emulator explicitly.
-set(CMAKE_CROSSCOMPILING_EMULATOR ${QUELVANE_QEMU} -L /usr/${QUELVANE_TRIPLET})
+# No binfmt_misc here: test programs run under the emulator explicitly. The
+# target's ISA-L, which the tool loads at run time, is found in the sysroot.
+set(CMAKE_CROSSCOMPILING_EMULATOR ${QUELVANE_QEMU} -L /usr/${QUELVANE_TRIPLET}
+    -E LD_LIBRARY_PATH=${QUELVANE_SYSROOT}/usr/lib/${QUELVANE_TRIPLET})

@@ -14,6 +14,7 @@
 
 #include "config.h"
 #include "console.h"
+#include "deflater.h"
 
 namespace {
 
@@ -30,7 +31,7 @@ constexpr uint64_t MIN_MAX_SIZE = 4096;
 // option, message and exit status stays as it was.
 enum { OPTION_HELP = 256, OPTION_VERSION, OPTION_PROGRESS_FD, OPTION_DEADLINE, OPTION_GENTLE, OPTION_MAX_SIZE,
        OPTION_MANIFEST, OPTION_CHECKSUM, OPTION_SCRUB, OPTION_PBKDF2, OPTION_KEEPALIVE, OPTION_DRY_RUN,
-       OPTION_RECIPIENT };
+       OPTION_LEVEL, OPTION_FAST, OPTION_RECIPIENT };
 const struct option LONG_OPTIONS[] = {
     {"help", no_argument, nullptr, OPTION_HELP},
     {"version", no_argument, nullptr, OPTION_VERSION},
@@ -45,6 +46,8 @@ const struct option LONG_OPTIONS[] = {
     {"recipient", required_argument, nullptr, OPTION_RECIPIENT},
     {"keepalive", required_argument, nullptr, OPTION_KEEPALIVE},
     {"dry-run", no_argument, nullptr, OPTION_DRY_RUN},
+    {"level", required_argument, nullptr, OPTION_LEVEL},
+    {"fast", no_argument, nullptr, OPTION_FAST},
     {nullptr, 0, nullptr, 0},
 };
 
@@ -79,6 +82,8 @@ const char *const HELP_LINES[] = {
     "      --recipient=CERT     encrypt to CERT's key as CMS (openssl cms -decrypt), no password",
     "      --keepalive=SECONDS  with -o -: bytes on the wire while a command is silent that long",
     "      --dry-run            list the members -L would collect; run and write nothing",
+    "      --level=N            deflate level 0-9 for every member (0 stores, as -C; 6 by default)",
+    "      --fast               the fastest deflate this binary has (see --version)",
     "      --help       this list, then exit",
     "      --version    the name and version, then exit",
 };
@@ -194,6 +199,17 @@ Result deadline(Options &o, const char *arg) { return seconds("deadline", arg, 8
 
 Result keepalive(Options &o, const char *arg) { return seconds("keepalive", arg, 3600, &o.keepalive); }
 
+Result level(Options &o, const char *arg)
+{
+    uint64_t given = 0;
+    if (!parse_number(arg, "", 0, 9, &given)) {
+        fprintf(stderr, _("Invalid --level '%s': a deflate level from 0 to 9\n"), arg);
+        return Result::refused;
+    }
+    o.level = static_cast<int>(given);
+    return Result::ok;
+}
+
 Result max_size(Options &o, const char *arg)
 {
     if (!parse_number(arg, "KMG", MIN_MAX_SIZE, UINT64_MAX / 2, &o.max_size)) {
@@ -261,6 +277,8 @@ const struct Rule {
     {OPTION_RECIPIENT, Again::allowed, nullptr, [](Options &o, const char *arg) { return o.recipient = arg, Result::ok; }},
     {OPTION_KEEPALIVE, Again::allowed, nullptr, keepalive},
     {OPTION_DRY_RUN, Again::allowed, nullptr, [](Options &o, const char *) { return o.dry_run = true, Result::ok; }},
+    {OPTION_LEVEL, Again::allowed, nullptr, level},
+    {OPTION_FAST, Again::allowed, nullptr, [](Options &o, const char *) { return o.fast = true, Result::ok; }},
 };
 
 // The option getopt could not take: an argument missing or unwanted, or an
@@ -284,7 +302,7 @@ Result refuse_unknown(int option, char **argv)
 void answer(int option, const std::string &program)
 {
     if (option == OPTION_VERSION) {
-        printf("%s %s\n", program.c_str(), QUELVANE_VERSION);
+        printf("%s %s\n%s", program.c_str(), QUELVANE_VERSION, engines_description().c_str());
         return;
     }
     printf(_("Usage: %s -f config -a archive-name -o output [option]...\n"), program.c_str());
@@ -321,6 +339,8 @@ Result check_combinations(const Options &o, const Given &seen)
                           : seen_I && !o.encrypt             ? _("-I requires -e flag\n")
                           : seen_I && seen_P                 ? _("-I and -P cannot be used together\n")
                           : o.pbkdf2 != 0 && !o.encrypt      ? _("--pbkdf2 requires -e flag\n")
+                          : (o.fast || o.level != -1) && o.no_compression ? _("-C cannot be used with --level or --fast\n")
+                          : o.fast && o.level != -1          ? _("--fast and --level cannot be used together\n")
                           : !o.recipient.empty() && o.encrypt ? _("--recipient and -e cannot be used together\n")
                           : o.max_size != 0 && (o.manifest || !o.recipient.empty())
                               ? _("--max-size cannot be used with --manifest or --recipient\n")

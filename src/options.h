@@ -18,6 +18,8 @@ struct Options {
     bool quiet = false;                 // -q
     bool encrypt = false;               // -e
     bool no_compression = false;        // -C
+    int level = -1;                     // --level; -1: zlib's default
+    bool fast = false;                  // --fast
     std::string archive_name;           // -a as given
     std::string archive_base;           // -a cut at ".zip"; heads every member name
     std::string config_path;            // -f

@@ -66,13 +66,14 @@ std::vector<std::pair<std::string, std::string>> given_options(const Options &o)
         {"datasets", o.dataset_letters}};
     const std::pair<const char *, bool> flags[] = {
         {"browser", o.browser}, {"no_compression", o.no_compression}, {"encrypted", o.encrypt},
-        {"log_only", o.log_only}, {"gentle", o.gentle}, {"manifest", o.manifest}};
+        {"log_only", o.log_only}, {"gentle", o.gentle}, {"manifest", o.manifest}, {"fast", o.fast}};
     for (const auto &flag : flags)
         if (flag.second)
             given.emplace_back(flag.first, "yes");
     const std::pair<const char *, std::string> valued[] = {
         {"device", o.usb_device},
         {"deadline", o.deadline != 0 ? std::to_string(o.deadline) : ""},
+        {"level", o.level != -1 ? std::to_string(o.level) : ""},
         {"max_size", o.max_size != 0 ? std::to_string(o.max_size) : ""},
         {"pbkdf2", o.pbkdf2 != 0 ? std::to_string(o.pbkdf2) : ""},
         {"recipient", o.recipient}, {"scrub", o.scrub_path}, {"checksum", o.checksum_path}};
@@ -164,6 +165,19 @@ Result open_output(Run &run)
     // Printed even with -q: callers read the archive's path from it.
     printf(_("Collecting data into %s\n"), o.output_path.c_str());
     return Result::ok;
+}
+
+// The engine and level the options ask for; in verbose mode --fast says
+// when it makes do with zlib.
+Compression chosen_compression(const Options &o)
+{
+    if (!o.fast)
+        return {Engine::zlib, o.no_compression ? 0 : o.level};
+    std::string why;
+    const Compression fast = fast_compression(&why);
+    if (fast.engine != Engine::isal && o.verbose)
+        fprintf(stderr, _("--fast: deflating with zlib level 1: %s\n"), why.c_str());
+    return fast;
 }
 
 // What precedes the first member: the deflate stream, the download header,
@@ -294,7 +308,7 @@ Result collect(Run &run)
         fprintf(stderr, _("Error reading config file: %s\n"), o.config_path.c_str());
         return Result::bad_config;
     }
-    ZipWriter zip(run.sink, run.scrub, o.no_compression ? 0 : Z_DEFAULT_COMPRESSION, o.manifest);
+    ZipWriter zip(run.sink, run.scrub, chosen_compression(o), o.manifest);
     Context context{run.console, run.progress, run.pacing, run.scrub, zip, run.scrub.text(o.archive_base)};
     const RunFacts facts{run.scrub.text(o.archive_name), run.scrub.text(o.config_path), o.log_only, o.dataset_letters, sp_sw_down != 0, 1};
     ReportRoom room;
@@ -400,7 +414,7 @@ Result dry_run(Run &run)
         fprintf(stderr, _("Error reading config file: %s\n"), o.config_path.c_str());
         return Result::bad_config;
     }
-    ZipWriter zip(run.sink, run.scrub, Z_DEFAULT_COMPRESSION, false);
+    ZipWriter zip(run.sink, run.scrub, Compression{}, false);
     Context context{run.console, run.progress, run.pacing, run.scrub, zip, run.scrub.text(o.archive_base)};
     return list_entries(context, config, {o.datasets, injected_spswdown() != 0, 1});
 }

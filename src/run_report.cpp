@@ -72,6 +72,7 @@ Json describe(const ZipMember &member)
             {"result", result},
             {"bytes_in", member.data_in},
             {"bytes_out", member.compressed_size},
+            {"deflate", {{"engine", member.engine}, {"level", member.level}}},
             {"crc32", crc_text},
             {"sha256", hex(member.sha256, sizeof member.sha256)},
             {"started", utc_time(member.started_ms)},

@@ -14,8 +14,6 @@ constexpr unsigned OUTPUT_SIZE = 32768;
 constexpr size_t FILE_READ_SIZE = 32768;
 // Small reads keep the command runner responsive to its time-outs.
 constexpr size_t PIPE_READ_SIZE = 1024;
-// A byte of bits carried from the last block and an empty final block.
-constexpr uint64_t FINISH_SLACK = 8;
 // A budget piece smaller than this ends the member instead.
 constexpr unsigned MIN_PIECE = 64;
 // An empty sync block, and the bits before it.
@@ -54,8 +52,9 @@ ssize_t read_full(int fd, unsigned char *buffer, size_t want)
 
 }  // namespace
 
-ZipData::ZipData(Sink &sink, const Scrubber &scrub, int level, bool hash)
-    : sink_(sink), scrub_(scrub), scrub_stream_(scrub), level_(level), hash_(hash), output_(new unsigned char[OUTPUT_SIZE]),
+ZipData::ZipData(Sink &sink, const Scrubber &scrub, Compression compression, bool hash)
+    : sink_(sink), scrub_(scrub), scrub_stream_(scrub), hash_(hash), deflater_(compression),
+      output_(new unsigned char[OUTPUT_SIZE]),
       input_(new unsigned char[FILE_READ_SIZE])
 {
     if (hash_)
@@ -64,42 +63,27 @@ ZipData::ZipData(Sink &sink, const Scrubber &scrub, int level, bool hash)
 
 ZipData::~ZipData() { end_stream(); }
 
-void ZipData::rewind_output()
-{
-    stream_.next_out = output_.get();
-    stream_.avail_out = OUTPUT_SIZE;
-}
+void ZipData::rewind_output() { deflater_.set_output(output_.get(), OUTPUT_SIZE); }
 
 int ZipData::start_stream()
 {
     // The output buffer is not cleared: deflate writes every byte that is
     // sent, and 32 KB of zeros per member was most of a small member's cost.
     open_input_ = 0;
-    if (ready_) {
-        // Rewind too: a member abandoned after a sink failure must not leave
-        // its held-back bytes at the front of the next member's data.
-        rewind_output();
-        return deflateReset(&stream_);
-    }
-    stream_ = z_stream{};
-    // Window bits -15: raw deflate, no zlib header or Adler-32 trailer.
-    const int result = deflateInit2(&stream_, level_, Z_DEFLATED, -15, 9, Z_DEFAULT_STRATEGY);
+    // Rewind too: a member abandoned after a sink failure must not leave
+    // its held-back bytes at the front of the next member's data.
+    const bool first = !deflater_.ready();
+    const int result = deflater_.start();
     if (result != Z_OK) {
-        report_zlib_error(result);
+        if (first)
+            report_zlib_error(result);
         return result;
     }
     rewind_output();
-    ready_ = true;
     return Z_OK;
 }
 
-int ZipData::end_stream()
-{
-    if (!ready_)
-        return -1;
-    ready_ = false;
-    return deflateEnd(&stream_);
-}
+int ZipData::end_stream() { return deflater_.ready() ? deflater_.end() : -1; }
 
 int ZipData::emit_uncounted(const Record &record) { return sink_.write(record.text().data(), record.size()); }
 
@@ -113,7 +97,9 @@ int ZipData::emit(const Record &record)
 
 int ZipData::begin_member(ZipMember &member)
 {
-    member.crc32 = static_cast<uint32_t>(crc32(0, nullptr, 0));
+    member.crc32 = 0;
+    member.engine = deflater_.compression().engine_name();
+    member.level = deflater_.compression().level_number();
     const int started = start_stream();
     if (started != Z_OK)
         return started;
@@ -143,25 +129,24 @@ int ZipData::deflate_piece(ZipMember &member, const unsigned char *data, unsigne
 {
     member.data_in += length;
     data_total_ += length;
-    stream_.next_in = const_cast<Bytef *>(data);
-    stream_.avail_in = length;
+    deflater_.set_input(data, length);
     // CRC on the input as it passes; a collected file keeps its stat size.
-    member.crc32 = static_cast<uint32_t>(crc32(member.crc32, data, length));
+    member.crc32 = deflater_.crc32(member.crc32, data, length);
     if (hash_)
         digest_->update(data, length);
     if (member.kind == MEMBER_GENERATED)
         member.uncompressed_size += length;
     for (;;) {
-        const int result = deflate(&stream_, flush);
+        const int result = deflater_.step(flush);
         if (result == Z_STREAM_ERROR || result == Z_BUF_ERROR) {
             report_zlib_error(result);
             return result;
         }
         // Output is held until the buffer is full or the member ends: no
         // intermediate flushes, only large writes.
-        const bool full = stream_.avail_out == 0;
+        const bool full = deflater_.avail_out() == 0;
         if (full || result == Z_STREAM_END) {
-            const unsigned count = OUTPUT_SIZE - stream_.avail_out;
+            const unsigned count = OUTPUT_SIZE - deflater_.avail_out();
             errno = 0;
             if (sink_.write(output_.get(), count) != 0)
                 return -1;
@@ -170,31 +155,22 @@ int ZipData::deflate_piece(ZipMember &member, const unsigned char *data, unsigne
         }
         if (flush == Z_FINISH && result != Z_STREAM_END)
             continue;
-        if (stream_.avail_in != 0 || (flush != Z_NO_FLUSH && full))
+        if (deflater_.avail_in() != 0 || (flush != Z_NO_FLUSH && full))
             continue;
-        member.compressed_size = static_cast<uint32_t>(stream_.total_out);
+        member.compressed_size = deflater_.total_out();
         return result;
     }
 }
 
-uint64_t ZipData::deflate_bound(uint64_t length) const
-{
-    // zlib's own bound for the stream's settings; it holds for any run of
-    // input that starts a block, whatever the window holds.
-    return deflateBound(const_cast<z_stream *>(&stream_), static_cast<uLong>(length)) + FINISH_SLACK;
-}
+uint64_t ZipData::deflate_bound(uint64_t length) const { return deflater_.bound(length); }
 
 // Bytes the archive may still take: not written, not waiting in the deflate
 // buffers, and not owed to records still to come.
 uint64_t ZipData::budget_room(const ZipMember *open_member) const
 {
-    unsigned pending = 0;
-    int bits = 0;
-    if (ready_)
-        deflatePending(const_cast<z_stream *>(&stream_), &pending, &bits);
-    uint64_t used = offset_ + directory_bytes_ + END_RESERVE + reserve_ + pending + (bits > 0);
+    uint64_t used = offset_ + directory_bytes_ + END_RESERVE + reserve_ + deflater_.pending();
     if (open_member != nullptr)
-        used += (OUTPUT_SIZE - stream_.avail_out) + DESCRIPTOR_SIZE + directory_record_size(open_member->name.size());
+        used += (OUTPUT_SIZE - deflater_.avail_out()) + DESCRIPTOR_SIZE + directory_record_size(open_member->name.size());
     return used < budget_limit_ ? budget_limit_ - used : 0;
 }
 
@@ -368,15 +344,12 @@ int ZipData::keepalive(ZipMember &member)
     // Under a budget only where the block surely fits.
     if (budget_limit_ != 0 && budget_room(&member) < deflate_bound(open_input_) + KEEPALIVE_ROOM)
         return 0;
-    // zlib makes no second sync block without input between; a call that
-    // asks for nothing makes it forget the last one.
-    stream_.avail_in = 0;
-    (void)deflate(&stream_, Z_NO_FLUSH);
+    deflater_.forget_sync();
     static const unsigned char nothing = 0;
     if (deflate_piece(member, &nothing, 0, Z_SYNC_FLUSH) != Z_OK)
         return -1;
     open_input_ = 0;  // all of it is out: measured exactly
-    const unsigned count = OUTPUT_SIZE - stream_.avail_out;
+    const unsigned count = OUTPUT_SIZE - deflater_.avail_out();
     if (count > 0 && sink_.write(output_.get(), count) != 0)
         return -1;
     offset_ += count;

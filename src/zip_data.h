@@ -11,6 +11,7 @@
 
 #include <zlib.h>
 
+#include "deflater.h"
 #include "scrub.h"
 #include "sink.h"
 #include "text_buffer.h"
@@ -18,8 +19,8 @@
 
 class ZipData {
 public:
-    // level: zlib's (0 stores); hash: members get a SHA-256 and timing.
-    ZipData(Sink &sink, const Scrubber &scrub, int level, bool hash);
+    // hash: members get a SHA-256 and timing.
+    ZipData(Sink &sink, const Scrubber &scrub, Compression compression, bool hash);
     ~ZipData();
     ZipData(const ZipData &) = delete;
     ZipData &operator=(const ZipData &) = delete;
@@ -97,10 +98,8 @@ private:
     Sink &sink_;
     const Scrubber &scrub_;
     Scrubber::Stream scrub_stream_;
-    const int level_;
     const bool hash_;
-    z_stream stream_{};
-    bool ready_ = false;
+    Deflater deflater_;
     uint64_t offset_ = 0;
     uint64_t data_total_ = 0;
     std::unique_ptr<unsigned char[]> output_;  // deflate's output, sent when full

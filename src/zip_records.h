@@ -60,6 +60,8 @@ struct ZipMember {
     unsigned char sha256[32] = {};
     int64_t started_ms = 0;
     int64_t duration_ms = 0;
+    const char *engine = "zlib";  // what deflated it, at what level
+    int level = 6;
 };
 
 // A collected file's size and time; the size is clamped (and marked cut)

@@ -11,7 +11,10 @@
 
 class ZipWriter {
 public:
-    ZipWriter(Sink &sink, const Scrubber &scrub, int level, bool hash) : stream_(sink, scrub, level, hash) {}
+    ZipWriter(Sink &sink, const Scrubber &scrub, Compression compression, bool hash)
+        : stream_(sink, scrub, compression, hash)
+    {
+    }
 
     ZipData &stream() { return stream_; }
     // The local header: 0, -1 after the sink's message, or zlib's error

@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "deflater.h"
 #include "testsupport.h"
 
 namespace {
@@ -53,6 +54,10 @@ const struct { Args args; std::string message; int status; } REFUSALS[] = {
     {req({"-e", "-I", "3", "--progress-fd=3"}), "Invalid file descriptor passed to --progress-fd: -I reads the password from it.\n", 1},
     {{"-f", "c", "-a", "x", "-o", "-", "--progress-fd=9"}, "Invalid file descriptor passed to --progress-fd: it is the archive's output.\n", 1},
     {req({"--keepalive=0"}), "Invalid --keepalive '0': seconds from 1 to 3600\n", 1},
+    {req({"--level=10"}), "Invalid --level '10': a deflate level from 0 to 9\n", 1},
+    {req({"--level=-1"}), "Invalid --level '-1': a deflate level from 0 to 9\n", 1},
+    {req({"-C", "--level=0"}), "-C cannot be used with --level or --fast\n", 1},
+    {req({"--fast", "--level=3"}), "--fast and --level cannot be used together\n", 1},
     {req({"-e", "-P", "p", "--pbkdf2=10000001"}), "Invalid --pbkdf2 '10000001': iterations from 1 to 10000000\n", 1},
     {req({"--pbkdf2"}), "--pbkdf2 requires -e flag\n", 1},
     {req({"-e", "-P", "p", "--recipient=c"}), "--recipient and -e cannot be used together\n", 1},
@@ -113,7 +118,7 @@ TEST(CommandLine, HelpAndVersion)
     EXPECT_EQ(std::to_string(help.status) + help.err + help.out.substr(0, help.out.find('\n')),
               "0Usage: quelvane -f config -a archive-name -o output [option]...");
     qt::RunResult version = qt::run_quelvane(dir, {"--version"});
-    EXPECT_EQ(std::to_string(version.status) + version.out + version.err, "0quelvane " QUELVANE_VERSION "\n");
+    EXPECT_EQ(std::to_string(version.status) + version.out + version.err, "0quelvane " QUELVANE_VERSION "\n" + engines_description());
 }
 
 const char CONFIG[] = "# kept byte for byte\ncmd i,30,y,n slow /bin/sleep 5\n";  // run only with -L i

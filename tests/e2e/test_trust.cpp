@@ -14,6 +14,7 @@
 #include <unistd.h>
 #include <regex>
 
+#include "deflater.h"
 #include "testsupport.h"
 
 TEST(Trust, ProgressLinesAndManifestTellAMixedRun)
@@ -22,7 +23,7 @@ TEST(Trust, ProgressLinesAndManifestTellAMixedRun)
     ASSERT_TRUE(qt::write_file(dir.file("data"), std::string(100000, 'd') + "end\n"));
     qt::Collect asked{"cmd i,-,y,n ok /bin/echo fine\ncmd i,1,y,n slow /bin/sleep 10\ncmd i,-,y,n fails /bin/ls /nonexistent\n"
                       "cmd i,-,y,n gone /bin/no-such-program\nfile i,-,y,y f " + dir.file("data") + "\nfile i,-,y,y g " +
-                      dir.file("absent") + "\n", {"-L", "i", "--manifest", "-P", "secret", "-e"}, "out.zip", "secret"};
+                      dir.file("absent") + "\n", {"-L", "i", "--manifest", "-P", "secret", "-e", "--fast"}, "out.zip", "secret"};
     asked.progress = true;
     asked.flagged = {"t/g/" + qt::flat(dir.file("absent")) + ".err"};
     const qt::Collection c = qt::collect(dir, asked);
@@ -48,7 +49,10 @@ TEST(Trust, ProgressLinesAndManifestTellAMixedRun)
     // The manifest describes every member before it, and never holds the password.
     ASSERT_EQ(c.zip.names().back(), "t/MANIFEST.json");
     const nlohmann::json manifest = nlohmann::json::parse(c.zip.members.back().data);
-    EXPECT_EQ(manifest["version"].get<std::string>() + manifest["options"]["encrypted"].get<std::string>(), QUELVANE_VERSION "yes");
+    EXPECT_EQ(manifest["version"].get<std::string>() + manifest["options"]["encrypted"].get<std::string>() +
+                  manifest["options"]["fast"].get<std::string>(), QUELVANE_VERSION "yesyes");
+    std::string why;
+    const nlohmann::json deflate = {{"engine", fast_compression(&why).engine_name()}, {"level", 1}};
     EXPECT_EQ(c.zip.members.back().data.find("secret"), std::string::npos) << "a password in the manifest";
     ASSERT_EQ(manifest["members"].size(), c.zip.members.size() - 1);
     std::map<std::string, nlohmann::json> described;
@@ -61,6 +65,7 @@ TEST(Trust, ProgressLinesAndManifestTellAMixedRun)
         EXPECT_EQ(member["sha256"].get<std::string>() + member["crc32"].get<std::string>(), qt::sha256(m.data) + crc) << m.name;
         EXPECT_EQ(member["bytes_in"], m.data.size()) << m.name;
         EXPECT_EQ(member["bytes_out"], m.compressed) << m.name;
+        EXPECT_EQ(member["deflate"], deflate) << m.name;
         described[m.name] = member;
     }
     EXPECT_EQ(described["t/ok/@bin@echo_fine.out"]["result"]["status"], "ok");

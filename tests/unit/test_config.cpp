@@ -254,7 +254,7 @@ TEST(Scrub, Base64FormsAndNames)
     Console console;
     ProgressChannel progress;
     Sink sink;
-    ZipWriter zip(sink, scrub, 6, false);
+    ZipWriter zip(sink, scrub, Compression{}, false);
     Context context(console, progress, pacing, scrub, zip, "t");
     EXPECT_EQ(context.command_names(entry, "/bin/cat /s3cr/et").out, "t/cmd/@bin@cat_[REDACTED:path].out");
 }
