@@ -3,7 +3,9 @@
 // that writes a streaming ZIP of them; then a configuration of 200 short
 // commands. The corpus again with --scrub (100 secrets, at least 85% of the
 // plain throughput), --manifest (at least 95%) and --recipient (under 8 MiB);
-// the scrubber's locked memory for 100, 1,000 and 10,000 secrets.
+// the scrubber's locked memory for 100, 1,000 and 10,000 secrets; --fast
+// beside the default (at least 8x its throughput, at most 1.35x its size)
+// and beside zip -1 and gzip -1 (at least 3x).
 // Prints PASS/FAIL lines and exits non-zero on any FAIL.
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -139,6 +141,50 @@ int main()
                                                   " x the bare loop's time (at most 1.05)");
     ok &= report(quelvane_kb < MEMORY_LIMIT_KB,
                  "peak memory " + std::to_string(quelvane_kb) + " KiB is under 8 MiB");
+
+    // --fast on the same corpus, paired with the default run by run, beside zip -1 and gzip -1.
+    double default_s = 1e9, fast_s = 1e9, zip1_s = 1e9, gzip1_s = 1e9;
+    long fast_kb = 0;
+    uint64_t default_size = 0, fast_size = 0;
+    const std::string fast_archive = dir.file("fast.zip");
+    for (int round = 0; round < ROUNDS; ++round) {
+        qt::RunResult plain = qt::run_quelvane(dir, {"-L", "A", "-f", config, "-a", "bench.zip", "-o", archive});
+        qt::RunResult fast = qt::run_quelvane(dir, {"-L", "A", "-f", config, "-a", "bench.zip", "-o", fast_archive, "--fast"});
+        if (plain.status != 0 || fast.status != 0) {
+            printf("FAIL: quelvane --fast exited %d: %s\n", fast.status, fast.err.c_str());
+            return 1;
+        }
+        default_s = std::min(default_s, plain.seconds);
+        fast_s = std::min(fast_s, fast.seconds);
+        fast_kb = std::max(fast_kb, fast.maxrss_kb);
+        unlink(zip_archive.c_str());
+        qt::RunSpec job;
+        job.program = "/bin/sh";
+        job.args = {"-c", "zip -q -r -1 zip.zip corpus"};
+        job.cwd = dir.path();
+        job.timeout_seconds = 120;
+        zip1_s = std::min(zip1_s, qt::run(job).seconds);
+        job.args = {"-c", "gzip -1 -c corpus/*.log > corpus.gz"};
+        gzip1_s = std::min(gzip1_s, qt::run(job).seconds);
+    }
+    default_size = qt::read_file(archive).size();
+    fast_size = qt::read_file(fast_archive).size();
+    printf("\n%-28s %10s %10s %12s %10s\n", "corpus, deflate engines", "seconds", "MiB/s", "archive MiB", "peak KiB");
+    printf("%-28s %10.2f %10.1f %12.1f %10s\n", "quelvane (zlib level 6)", default_s, mib_per_s(total, default_s),
+           default_size / 1048576.0, "-");
+    printf("%-28s %10.2f %10.1f %12.1f %10ld\n", "quelvane --fast", fast_s, mib_per_s(total, fast_s),
+           fast_size / 1048576.0, fast_kb);
+    printf("%-28s %10.2f %10.1f %12.1f %10s\n", "zip -r -1", zip1_s, mib_per_s(total, zip1_s),
+           qt::read_file(zip_archive).size() / 1048576.0, "-");
+    printf("%-28s %10.2f %10.1f %12.1f %10s\n", "gzip -1", gzip1_s, mib_per_s(total, gzip1_s),
+           qt::read_file(dir.file("corpus.gz")).size() / 1048576.0, "-");
+    ok &= report(qt::run_program("/usr/bin/unzip", {"-tq", fast_archive}).status == 0, "the --fast archive passes unzip -t");
+    ok &= report(default_s / fast_s >= 8, "--fast runs " + std::to_string(default_s / fast_s) + " x the default's throughput (at least 8)");
+    ok &= report(fast_size <= 1.35 * default_size, "--fast makes " + std::to_string(double(fast_size) / default_size) +
+                                                       " x the default's size (at most 1.35)");
+    ok &= report(zip1_s / fast_s >= 3 && gzip1_s / fast_s >= 3, "--fast runs " + std::to_string(zip1_s / fast_s) + " x zip -1 and " +
+                                                                   std::to_string(gzip1_s / fast_s) + " x gzip -1 (at least 3)");
+    ok &= report(fast_kb < MEMORY_LIMIT_KB, "--fast: peak memory " + std::to_string(fast_kb) + " KiB is under 8 MiB");
 
     // The trust options on the same corpus, each beside a plain run of its round.
     std::string secrets;

@@ -121,8 +121,8 @@ TEST(Collect, MixedConfigurationInEveryOutputMode)
             const std::string fallback = engine == "--fast" && fast_compression(&why).engine != Engine::isal
                                              ? "--fast: deflating with zlib level 1: " + why + "\n" : "";
             EXPECT_EQ(out == "-" ? c.run.err : c.run.out + c.run.err,
-                      console + fallback + progress + (out == "-" ? "" : "Data collection complete\n") +
-                          "Finished with 2 collection errors\n");
+                      out == "-" ? fallback + progress + "Finished with 2 collection errors\n"
+                                 : console + progress + "Data collection complete\nFinished with 2 collection errors\n" + fallback);
             expect_members(c, asked, members);
             EXPECT_TRUE(c.zip.members.size() > 3 && c.zip.members[3].dos_datetime == dos_when);
         }
