@@ -72,7 +72,7 @@ std::string engines_description()
     text += std::string("--fast: ISA-L igzip level 1 from ") + FAST_LIBRARY + ", loaded at run time (" +
             (fast_library().loaded() ? "found" : "not found: zlib level 1 instead") + ")\n";
 #else
-    text += "--fast: zlib level 1 (ISA-L is not faster than zlib on this architecture)\n";
+    text += "--fast: zlib level 1 (this build does not load ISA-L, no faster than zlib on armhf and s390x)\n";
 #endif
     return text;
 }
@@ -89,8 +89,10 @@ struct Deflater::Fast {};
 
 Deflater::Deflater(Compression compression) : compression_(compression)
 {
-    if (compression_.engine == Engine::isal)
+#ifdef QUELVANE_FAST_ENGINE
+    if (compression_.engine == Engine::isal && fast_library().loaded())
         fast_ = std::make_unique<Fast>();
+#endif
 }
 
 Deflater::~Deflater() { end(); }
