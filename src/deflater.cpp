@@ -72,7 +72,7 @@ std::string engines_description()
     text += std::string("--fast: ISA-L igzip level 1 from ") + FAST_LIBRARY + ", loaded at run time (" +
             (fast_library().loaded() ? "found" : "not found: zlib level 1 instead") + ")\n";
 #else
-    text += "--fast: zlib level 1 (this build does not load ISA-L, no faster than zlib on armhf and s390x)\n";
+    text += "--fast: zlib level 1 (this build does not load ISA-L: armhf and s390x have only its portable C)\n";
 #endif
     return text;
 }
