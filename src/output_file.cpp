@@ -108,16 +108,23 @@ Result write_whole_file(const std::string &path, const std::string &text)
     return file.commit(fsync(fd.get()) == 0) ? Result::ok : Result::output_failure;
 }
 
+bool names_descriptor(const std::string &path, int fd)
+{
+    struct stat status, other;
+    return stat(path.c_str(), &status) == 0 && fstat(fd, &other) == 0 && same_file(status, other);
+}
+
 const char *checksum_path_fault(const std::string &path, const std::string &output, bool download)
 {
     // A link there is replaced, not followed, unless it leads to our own
-    // standard output (as /dev/stdout does).
+    // standard output (as /dev/stdout does) or standard error (taken).
+    if (names_descriptor(path, STDOUT_FILENO))
+        return _("it is standard output");
+    if (names_descriptor(path, STDERR_FILENO))
+        return nullptr;
     struct stat status, other;
     const bool exists = lstat(path.c_str(), &status) == 0;
     const bool link = exists && S_ISLNK(status.st_mode);
-    if ((link ? stat(path.c_str(), &status) == 0 : exists) && fstat(STDOUT_FILENO, &other) == 0 &&
-        same_file(status, other))
-        return _("it is standard output");
     if (exists && !link && !S_ISREG(status.st_mode))
         return S_ISDIR(status.st_mode) ? _("it is a directory") : _("it is not a regular file");
     if (!download && ((exists && !link && lstat(output.c_str(), &other) == 0 && same_file(status, other)) ||

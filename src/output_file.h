@@ -36,9 +36,13 @@ private:
 // The whole of text as the file at path; output_failure after a message.
 Result write_whole_file(const std::string &path, const std::string &text);
 
+// Whether path, links followed, is the file open on fd.
+bool names_descriptor(const std::string &path, int fd);
+
 // Why path may not take the checksum (null when it may): the archive's own
 // file, standard output, a directory or other special file, or a directory
-// we cannot write in.
+// we cannot write in. Standard error (/dev/stderr) may: a remote run's
+// second stream.
 const char *checksum_path_fault(const std::string &path, const std::string &output, bool download);
 
 #endif
