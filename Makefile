@@ -12,7 +12,7 @@ CONF       ?= examples/quelvane.conf
 # name:Debian architecture:triplet of each cross target
 CROSS_TARGETS ?= aarch64:arm64:aarch64-linux-gnu armhf:armhf:arm-linux-gnueabihf s390x:s390x:s390x-linux-gnu
 
-.PHONY: all deps deps-test build build-asan build-fuzz cross package run test test-normal test-asan test-fuzz test-cross test-package fuzz bench coverage clean
+.PHONY: all deps deps-test build build-asan build-fuzz cross package run test test-normal test-asan test-fuzz test-cross test-package test-fleet fuzz bench coverage clean
 
 all: build
 
@@ -64,6 +64,10 @@ test-cross: cross
 	    wait $${p%%:*} || failed="$$failed $${p#*:}"; echo "== $${p#*:}"; cat build-$${p#*:}/ctest.log; \
 	done; [ -z "$$failed" ] || { echo "test-cross: failed:$$failed"; exit 1; }
 
+# The fleet playbook over sshd instances on loopback ports.
+test-fleet: deps-test build
+	tests/fleet/test-fleet $(BUILD)
+
 # Collects this machine with the example configuration, every dataset, and
 # lists the archive it made.
 run: build
@@ -72,7 +76,7 @@ run: build
 	    -f $(CONF) -a collection.zip -o $(RUN_DIR)/collection.zip
 	unzip -l $(RUN_DIR)/collection.zip
 
-test: test-normal test-asan test-fuzz test-cross test-package
+test: test-normal test-asan test-fuzz test-cross test-package test-fleet
 
 test-normal: deps-test build
 	cd $(BUILD) && ctest -j $(JOBS) --output-on-failure
