@@ -118,6 +118,18 @@ TEST(Web, DownloadsThroughARealServer)
     EXPECT_EQ(qt::openssl_decrypt(got + "/" + saved + ".enc", "secret\n", dir.file("opened.zip")), "");
     EXPECT_EQ(qt::read_archive(dir.file("opened.zip")).problems, "");
 
+    // The tool's own header (-b): a name with blanks, ';' or UTF-8 is saved as given (curl
+    // takes a quoted name up to its first '"', so a name with quotes is for browsers only).
+    ASSERT_TRUE(qt::write_file(dir.file("q.conf"), "cmd A,5,y,n a /bin/echo named\n"));
+    mkdir(dir.file("named").c_str(), 0755);
+    qt::script(dir, "named.cgi", "exec \"$QUELVANE\" -b -L A -f q.conf -a \"$(cat name)\" -o -\n");
+    for (const std::string name : {"ctl one.zip", "ctl;x.zip", "donn\xc3\xa9" "es \xc3\xa9.zip"}) {
+        ASSERT_TRUE(qt::write_file(dir.file("name"), name));
+        curl = qt::run_program("/bin/sh", {"-c", "cd " + dir.file("named") + " && rm -f -- * && curl -sS -d '' -OJ " + server.url("named.cgi")});
+        EXPECT_EQ(curl.status, 0) << curl.err;
+        EXPECT_EQ(qt::read_archive(dir.file("named/" + name)).problems, "") << name;
+    }
+
     // The client goes away mid-download: status 2 within a few seconds, the command
     // stopped, the lock free; then the next download works.
     ASSERT_TRUE(qt::write_file(dir.file("q.conf"), "cmd A,30,y,n flood /bin/dd if=/dev/urandom bs=64k count=100000\n"));
