@@ -23,3 +23,14 @@ send_headers()
     printf 'Content-Type: %s\r\nCache-Control: no-store\r\nX-Content-Type-Options: nosniff\r\n' "$1"
     printf 'Content-Disposition: attachment; filename="%s"\r\n\r\n' "$2"
 }
+
+# The tool, in place of this shell. With QUELVANE_SUDO=1 it runs as root
+# through sudo, which must allow exactly these arguments and keep
+# descriptors 3 and 4 open (README, "As root").
+run_tool()
+{
+    if [ "${QUELVANE_SUDO:-}" = 1 ]; then
+        exec sudo -n "$@"
+    fi
+    exec "$@"
+}

@@ -8,5 +8,5 @@
 require_post
 name="controller-$(host_name).zip"
 send_headers application/octet-stream "$name.enc"
-exec "${QUELVANE:-/usr/bin/quelvane}" -e -I 3 -L A -f "${QUELVANE_CONF:-/etc/quelvane.conf}" \
+run_tool "${QUELVANE:-/usr/bin/quelvane}" -e -I 3 -L A -f "${QUELVANE_CONF:-/etc/quelvane.conf}" \
     -a "$name" -o - --deadline="${QUELVANE_DEADLINE:-300}" --keepalive=5 3< "${QUELVANE_PASSWORD_FILE:-/etc/quelvane.password}"

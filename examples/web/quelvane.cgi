@@ -6,7 +6,7 @@
 # lines go to a file of that run, which progress.cgi serves to the page.
 # Set QUELVANE, QUELVANE_CONF, QUELVANE_DEADLINE and QUELVANE_PROGRESS_DIR in
 # the server's CGI environment to move them. The tool runs as the web
-# server's user, and reads only what that user may.
+# server's user, and reads only what that user may, unless QUELVANE_SUDO=1.
 . "${0%/*}/quelvane-cgi.sh"
 require_post
 name="controller-$(host_name).zip"
@@ -34,4 +34,4 @@ if [ ! -x "$tool" ]; then
     { [ -n "$run" ] && echo "FAIL 127 not-installed" >&4; } 2>/dev/null
     exit 0
 fi
-exec "$tool" "$@"
+run_tool "$tool" "$@"
