@@ -34,6 +34,15 @@ std::string resolved(const std::string &path)
 
 bool same_file(const struct stat &a, const struct stat &b) { return a.st_dev == b.st_dev && a.st_ino == b.st_ino; }
 
+// A link to something that is not a regular file (as /dev/stdin is) is
+// neither replaced nor followed: it may be the system's own.
+bool links_to_special(const std::string &path)
+{
+    struct stat status;
+    return lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode) && stat(path.c_str(), &status) == 0 &&
+           !S_ISREG(status.st_mode);
+}
+
 }  // namespace
 
 int OutputFile::open(const std::string &path)
@@ -48,6 +57,10 @@ int OutputFile::open(const std::string &path)
     }
     if (exists && !S_ISREG(status.st_mode) && !S_ISLNK(status.st_mode))
         return ::open(path.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC | O_NOCTTY);
+    if (links_to_special(path)) {
+        errno = EPERM;
+        return -1;
+    }
     const size_t slash = path.rfind('/');
     std::string name = directory_of(path) + "/." + path.substr(slash == std::string::npos ? 0 : slash + 1) + ".XXXXXX";
     std::vector<char> pattern(name.begin(), name.end());
@@ -122,6 +135,8 @@ const char *checksum_path_fault(const std::string &path, const std::string &outp
         return _("it is standard output");
     if (names_descriptor(path, STDERR_FILENO))
         return nullptr;
+    if (links_to_special(path))
+        return _("it is not a regular file");
     struct stat status, other;
     const bool exists = lstat(path.c_str(), &status) == 0;
     const bool link = exists && S_ISLNK(status.st_mode);

@@ -2,8 +2,9 @@
 // hidden name beside the final one, made new, synced, and renamed over the
 // final name only when complete: a failed, refused or interrupted run
 // leaves the earlier file (or nothing) there, and a link at the final name
-// is replaced, never followed. A device or other special file named as the
-// archive is written in place.
+// is replaced, never followed; a link to a device or other special file is
+// refused. A device or other special file named as the archive is written
+// in place.
 #ifndef QUELVANE_OUTPUT_FILE_H
 #define QUELVANE_OUTPUT_FILE_H
 

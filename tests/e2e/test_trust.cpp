@@ -233,13 +233,16 @@ open(sys.argv[1], 'wb').write(cert.public_bytes(serialization.Encoding.PEM)))", 
         {{}, "out.zip", 5, "Data capture interrupted by user.  Attempting to remove archive.\n", SIGTERM},
         {{"--checksum=sums/t.sha256"}, "out.zip", 2, "Unable to write the checksum to sums/t.sha256: No such file or directory\n", SIGCONT},
         {{"--checksum=link.sum"}, "link.zip", 0, "", 0},
+        {{}, "special.zip", 1, "Unable to open output file: special.zip\n", 0},
+        {{"--checksum=special.sum"}, "out.zip", 1, "Refusing checksum file special.sum: it is not a regular file\n", 0},
     };
     for (const auto &c : CASES) {
         SCOPED_TRACE(c.err);
         ASSERT_TRUE(qt::write_file(dir.file("out.zip"), "earlier\n") && qt::write_file(dir.file("victim"), "kept\n"));
-        for (const char *link : {"link.zip", "link.sum"}) {
+        // Links to a file are replaced; links to a device (as in /dev) stay.
+        for (const char *link : {"link.zip", "link.sum", "special.zip", "special.sum"}) {
             unlink(dir.file(link).c_str());
-            ASSERT_EQ(symlink(dir.file("victim").c_str(), dir.file(link).c_str()), 0);
+            ASSERT_EQ(symlink(link[0] == 's' ? "/dev/null" : dir.file("victim").c_str(), dir.file(link).c_str()), 0);
         }
         mkdir(dir.file("sums").c_str(), 0755);
         qt::Collect asked{"cmd i,-,y,n a /bin/echo a\ncmd i,5,y,n s /bin/sleep 1\n", c.args, c.out};
@@ -254,6 +257,9 @@ open(sys.argv[1], 'wb').write(cert.public_bytes(serialization.Encoding.PEM)))", 
         const qt::Collection got = qt::collect(dir, asked);
         EXPECT_EQ(std::to_string(got.run.status) + " " + got.run.err.substr(0, c.err.size()), std::to_string(c.status) + " " + c.err);
         EXPECT_EQ(qt::read_file(dir.file("victim")), "kept\n");
+        char target[16] = {};
+        for (const char *link : {"special.zip", "special.sum"})
+            EXPECT_EQ(readlink(dir.file(link).c_str(), target, sizeof target - 1) > 0 ? target : "", std::string("/dev/null"));
         EXPECT_EQ(qt::read_file(dir.file("out.zip")) == "earlier\n", c.status != 2);
         EXPECT_EQ(qt::run_program("/bin/sh", {"-c", "ls -a " + dir.path() + " | grep -c '^\\.[a-z].*\\.'"}).out, "0\n");
         if (c.status == 0) {
