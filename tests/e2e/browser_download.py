@@ -4,7 +4,8 @@
 # operator would. Prints the page's progress (#overall's value while the download runs),
 # what the second tab showed, the final #status and #hint texts, each row's class, the
 # suggested file name and how the download ended; saves a screenshot of the finished page
-# as DEST/page.png. Usage: python3 browser_download.py DEBUG_PORT URL DEST BUTTON
+# as DEST/page.png. With BUTTON "-", URL is itself the download: only the
+# suggested name and how it ended. Usage: python3 browser_download.py DEBUG_PORT URL DEST BUTTON
 import base64, json, os, socket, subprocess, sys, time, urllib.request
 
 port, url, dest = int(sys.argv[1]), sys.argv[2], sys.argv[3]
@@ -12,8 +13,8 @@ button = sys.argv[4]
 browser = subprocess.Popen(
     ["chromium", "--headless=new", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
      "--disable-background-networking", "--disable-component-update", "--disable-sync",
-     "--user-data-dir=" + os.path.join(dest, ".profile"), "--remote-debugging-port=%d" % port, "about:blank"],
-    stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+     "--user-data-dir=" + os.path.join(dest, ".profile-%d" % port), "--remote-debugging-port=%d" % port, "about:blank"],
+    stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, start_new_session=True)
 try:
     for _ in range(200):
         try:
@@ -60,6 +61,12 @@ try:
     call("Browser.setDownloadBehavior", {"behavior": "allow", "downloadPath": dest, "eventsEnabled": True})
     target = call("Target.createTarget", {"url": url})["targetId"]
     deadline = time.time() + 60
+    if button == "-":  # URL itself is the download
+        while download["state"] in (None, "inProgress") and time.time() < deadline:
+            call("Browser.getVersion", {})  # the events come with the answers
+            time.sleep(0.05)
+        print(download["name"], download["state"])
+        sys.exit(0)
     session = call("Target.attachToTarget", {"targetId": target, "flatten": True})["sessionId"]
     # A new target is about:blank, already "complete", until the page replaces it.
     loaded = "document.readyState == 'complete' && !!document.getElementById(%s)" % json.dumps(button)
@@ -90,6 +97,6 @@ try:
     shot = call("Page.captureScreenshot", {"format": "png"}, session)
     open(os.path.join(dest, "page.png"), "wb").write(base64.b64decode(shot["data"]))
     print(download["name"], download["state"])
-finally:
-    browser.kill()
+finally:  # the browser's helper processes too
+    os.killpg(browser.pid, 9)
     browser.wait()

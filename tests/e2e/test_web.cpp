@@ -78,12 +78,13 @@ private:
     pid_t pid_ = -1;
 };
 
-// The operator's page in a headless Chromium, its button clicked: the lines
-// browser_download.py prints.
-std::vector<std::string> browse(const WebServer &server, const std::string &button)
+// The operator's page in a headless Chromium, its button clicked (or, with "-",
+// page itself downloaded): the lines browser_download.py prints.
+std::vector<std::string> browse(const WebServer &server, const std::string &button, const std::string &page = "index.html")
 {
-    const qt::RunResult browser = qt::run_program("/usr/bin/python3", {QUELVANE_SOURCE_DIR "/tests/e2e/browser_download.py",
-                                                  std::to_string(qt::free_port()), server.url("index.html"), server.got, button});
+    // In a UTF-8 locale, as an operator's browser is: under C, Chromium saves a non-ASCII name as "download".
+    const qt::RunResult browser = qt::run_program("/usr/bin/env", {"LC_ALL=C.UTF-8", "/usr/bin/python3", QUELVANE_SOURCE_DIR "/tests/e2e/browser_download.py",
+                                                  std::to_string(qt::free_port()), server.url(page), server.got, button});
     EXPECT_EQ(browser.status, 0) << browser.err;
     return qt::split_lines(browser.out);
 }
@@ -118,16 +119,25 @@ TEST(Web, DownloadsThroughARealServer)
     EXPECT_EQ(qt::openssl_decrypt(got + "/" + saved + ".enc", "secret\n", dir.file("opened.zip")), "");
     EXPECT_EQ(qt::read_archive(dir.file("opened.zip")).problems, "");
 
-    // The tool's own header (-b): a name with blanks, ';' or UTF-8 is saved as given (curl
-    // takes a quoted name up to its first '"', so a name with quotes is for browsers only).
+    // The tool's own header (-b): curl and Chromium save a name with blanks, ';', quotes or
+    // UTF-8 whole (Chromium writes '"' as '_'; curl takes a quoted name up to its first '"',
+    // so a name with quotes is for browsers only).
     ASSERT_TRUE(qt::write_file(dir.file("q.conf"), "cmd A,5,y,n a /bin/echo named\n"));
     mkdir(dir.file("named").c_str(), 0755);
     qt::script(dir, "named.cgi", "exec \"$QUELVANE\" -b -L A -f q.conf -a \"$(cat name)\" -o -\n");
-    for (const std::string name : {"ctl one.zip", "ctl;x.zip", "donn\xc3\xa9" "es \xc3\xa9.zip"}) {
-        ASSERT_TRUE(qt::write_file(dir.file("name"), name));
+    const std::string utf8 = "donn\xc3\xa9" "es \xc3\xa9.zip";
+    const struct { std::string name, browser; bool curl; } NAMES[] = {
+        {"ctl one.zip", "ctl one.zip", true}, {"ctl;x.zip", "ctl;x.zip", true}, {utf8, utf8, true},
+        {"ctl\"x\".zip", "ctl_x_.zip", false}};
+    for (const auto &n : NAMES) {
+        ASSERT_TRUE(qt::write_file(dir.file("name"), n.name));
         curl = qt::run_program("/bin/sh", {"-c", "cd " + dir.file("named") + " && rm -f -- * && curl -sS -d '' -OJ " + server.url("named.cgi")});
         EXPECT_EQ(curl.status, 0) << curl.err;
-        EXPECT_EQ(qt::read_archive(dir.file("named/" + name)).problems, "") << name;
+        if (n.curl) {
+            EXPECT_EQ(qt::read_archive(dir.file("named/" + n.name)).problems, "") << n.name;
+        }
+        EXPECT_EQ(browse(server, "-", "named.cgi"), std::vector<std::string>{n.browser + " completed"});
+        EXPECT_EQ(qt::read_archive(got + "/" + n.browser).problems, "") << n.name;
     }
 
     // The client goes away mid-download: status 2 within a few seconds, the command
