@@ -26,7 +26,7 @@ send_headers()
 
 # The tool, in place of this shell. With QUELVANE_SUDO=1 it runs as root
 # through sudo, which must allow exactly these arguments and keep
-# descriptors 3 and 4 open (README, "As root").
+# descriptors 3 and 4 open (README gives the sudoers lines).
 run_tool()
 {
     if [ "${QUELVANE_SUDO:-}" = 1 ]; then
