@@ -1,8 +1,9 @@
 # Downloads with a real headless Chromium, driven through its DevTools protocol (a minimal
 # WebSocket client, standard library only), into DEST: the page at URL is opened and its
 # button of id BUTTON clicked; once an entry runs, a second tab opens the page as another
-# operator would. Prints the page's progress (#overall's value while the download runs),
-# what the second tab showed, the final #status and #hint texts, each row's class, the
+# operator would, and is reloaded once it shows the run. Prints the page's progress
+# (#overall's value while the download runs), what the second tab showed after its
+# reload, the final #status and #hint texts, each row's class, the
 # suggested file name and how the download ended; saves a screenshot of the finished page
 # as DEST/page.png. With BUTTON "-", URL is itself the download: only the
 # suggested name and how it ended. Usage: python3 browser_download.py DEBUG_PORT URL DEST BUTTON
@@ -73,7 +74,7 @@ try:
     while not evaluate(session, loaded) and time.time() < deadline:
         time.sleep(0.05)
     evaluate(session, "document.getElementById(%s).click()" % json.dumps(button))
-    seen, status, second, other = [], "", "", None
+    seen, status, second, other, reloaded = [], "", "", None, False
     while time.time() < deadline:
         value, status = evaluate(session, "[document.getElementById('overall').value, "
                                           "document.getElementById('status').textContent]")
@@ -83,14 +84,22 @@ try:
             other = call("Target.attachToTarget", {"targetId": call("Target.createTarget", {"url": url})["targetId"],
                                                    "flatten": True})["sessionId"]
         if other is not None and not second:
-            second = evaluate(other, "document.readyState == 'complete' && document.getElementById('status').textContent"
-                                     ".startsWith('Collecting') ? document.getElementById('status').textContent + ', ' + "
-                                     "document.getElementById('start').disabled : ''") or ""
+            # Once it shows the run, the second tab is reloaded (the old page marked) and must show it again.
+            shown = evaluate(other, "!window.reloaded && document.readyState == 'complete' && "
+                                    "document.getElementById('status').textContent.startsWith('Collecting') ? "
+                                    "document.getElementById('status').textContent + ', ' + "
+                                    "document.getElementById('start').disabled : ''") or ""
+            if shown and not reloaded:
+                evaluate(other, "window.reloaded = true")
+                call("Page.reload", {}, other)
+                reloaded = True
+            else:
+                second = shown
         if download["state"] not in (None, "inProgress") and status.startswith(("Archive", "Collection")):
             break
         time.sleep(0.05)
     print("progress while downloading:", " ".join("%g" % v for v in seen))
-    print("second tab:", second)
+    print("second tab, reloaded:", second)
     print("status:", status)
     print("hint:", evaluate(session, "document.getElementById('hint').textContent"))
     print("rows:", evaluate(session, "Array.from(document.querySelectorAll('#entries tr'), (r) => r.className).join(' ')"))

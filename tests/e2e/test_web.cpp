@@ -189,7 +189,7 @@ print(open(sys.argv[2]).read() if os.path.exists(sys.argv[2]) else 'still runnin
     EXPECT_EQ(qt::read_archive(dir.file("again.zip")).problems, "");
 
     // The operator's page follows the download entry by entry, and a second operator's
-    // page shows the same run; each row's result decides its look, and the end names
+    // page shows the same run, again after a reload; each row's result decides its look, and the end names
     // the file saved and counts what went wrong.
     ASSERT_TRUE(qt::write_file(dir.file("q.conf"), "cmd A,5,y,n step1 /bin/sleep 0.4\ncmd A,5,y,n step2 /bin/sleep 0.4\n"
                                                    "cmd A,5,y,n fails /bin/false\ncmd A,30,y,n slow /bin/sleep 10\n"
@@ -203,7 +203,7 @@ print(open(sys.argv[2]).read() if os.path.exists(sys.argv[2]) else 'still runnin
     EXPECT_GE(seen.size(), 3u) << page[0];
     EXPECT_TRUE(std::is_sorted(seen.begin(), seen.end()) && std::adjacent_find(seen.begin(), seen.end()) == seen.end())
         << page[0];
-    EXPECT_EQ(page[1].substr(0, 23), "second tab: Collecting ") << page[1];
+    EXPECT_EQ(page[1].substr(0, 33), "second tab, reloaded: Collecting ") << page[1];
     EXPECT_EQ(page[1].substr(page[1].size() - 6), ", true");
     const std::string archive = qt::read_file(got + "/" + saved);
     EXPECT_EQ(page[2], "status: Archive complete: " + saved + ", " + std::to_string(archive.size()) +
