@@ -34,6 +34,13 @@ std::string resolved(const std::string &path)
 
 bool same_file(const struct stat &a, const struct stat &b) { return a.st_dev == b.st_dev && a.st_ino == b.st_ino; }
 
+// Whether path, links followed, is the file open on fd.
+bool names_descriptor(const std::string &path, int fd)
+{
+    struct stat status, other;
+    return stat(path.c_str(), &status) == 0 && fstat(fd, &other) == 0 && same_file(status, other);
+}
+
 // A link to something that is not a regular file (as /dev/stdin is) is
 // neither replaced nor followed: it may be the system's own.
 bool links_to_special(const std::string &path)
@@ -106,6 +113,10 @@ void OutputFile::discard()
 
 Result write_whole_file(const std::string &path, const std::string &text)
 {
+    if (names_descriptor(path, STDERR_FILENO)) {
+        fputs(text.c_str(), stderr);
+        return Result::ok;
+    }
     OutputFile file;
     Descriptor fd(file.open(path));
     bool written = fd.get() != -1;
@@ -119,12 +130,6 @@ Result write_whole_file(const std::string &path, const std::string &text)
         return Result::output_failure;
     }
     return file.commit(fsync(fd.get()) == 0) ? Result::ok : Result::output_failure;
-}
-
-bool names_descriptor(const std::string &path, int fd)
-{
-    struct stat status, other;
-    return stat(path.c_str(), &status) == 0 && fstat(fd, &other) == 0 && same_file(status, other);
 }
 
 const char *checksum_path_fault(const std::string &path, const std::string &output, bool download)

@@ -34,11 +34,9 @@ private:
     std::string path_, temporary_;
 };
 
-// The whole of text as the file at path; output_failure after a message.
+// The whole of text as the file at path (or on standard error, when path
+// names it); output_failure after a message.
 Result write_whole_file(const std::string &path, const std::string &text);
-
-// Whether path, links followed, is the file open on fd.
-bool names_descriptor(const std::string &path, int fd);
 
 // Why path may not take the checksum (null when it may): the archive's own
 // file, standard output, a directory or other special file, or a directory

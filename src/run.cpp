@@ -346,10 +346,7 @@ Result finish_output(Run &run, Result result)
     if (result == Result::ok && !o.checksum_path.empty()) {
         run.checksum = run.sink.delivered_sha256();
         const std::string name = run.scrub.text(o.download ? o.archive_name : o.output_path);
-        const std::string line = run.checksum + "  " + name + "\n";
-        if (names_descriptor(o.checksum_path, STDERR_FILENO))
-            fputs(line.c_str(), stderr);
-        else if (write_whole_file(o.checksum_path, line) != Result::ok)
+        if (write_whole_file(o.checksum_path, run.checksum + "  " + name + "\n") != Result::ok)
             result = Result::output_failure;
     }
     if (run.output_opened && run.keep_archive)

@@ -257,9 +257,10 @@ open(sys.argv[1], 'wb').write(cert.public_bytes(serialization.Encoding.PEM)))", 
         const qt::Collection got = qt::collect(dir, asked);
         EXPECT_EQ(std::to_string(got.run.status) + " " + got.run.err.substr(0, c.err.size()), std::to_string(c.status) + " " + c.err);
         EXPECT_EQ(qt::read_file(dir.file("victim")), "kept\n");
-        char target[16] = {};
-        for (const char *link : {"special.zip", "special.sum"})
+        for (const char *link : {"special.zip", "special.sum"}) {
+            char target[16] = {};
             EXPECT_EQ(readlink(dir.file(link).c_str(), target, sizeof target - 1) > 0 ? target : "", std::string("/dev/null"));
+        }
         EXPECT_EQ(qt::read_file(dir.file("out.zip")) == "earlier\n", c.status != 2);
         EXPECT_EQ(qt::run_program("/bin/sh", {"-c", "ls -a " + dir.path() + " | grep -c '^\\.[a-z].*\\.'"}).out, "0\n");
         if (c.status == 0) {
