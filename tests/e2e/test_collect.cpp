@@ -139,14 +139,18 @@ TEST(Collect, SelectionAndConfigurationLines)
         "cmd a,-,y,n a /bin/echo a", "cmd b,-,n,n b /bin/echo b", "cmd ab,-,y,n ab /bin/echo ab",
         "cmd A,-,y,n all /bin/echo all", "file z,-,n,y z /etc/hostname", "cmd i,-,Y,n n /bin/true",
         "CMD i,0x10,y,n hex /bin/echo x%d", "file i,-,y,n n etc/hosts", "cmd i,-,y,n n", "  # a comment", "",
-        "cmd garbage", "log garbage"};
+        "cmd garbage", "log garbage", std::string(2000, 'z')};
     qt::Collect asked;
     for (const std::string &line : lines)
         asked.config += line + "\n";
-    std::string reported[2];  // without and with -l
+    asked.config.pop_back();  // no final newline
+    // A long line counts per 1023-byte piece.
+    const std::string pieces = "Error on line q.conf:14: " + std::string(1023, 'z') + "\nError on line q.conf:15: " +
+                               std::string(977, 'z') + "\n";
+    std::string reported[2] = {"", "Error on line q.conf:13: log garbage\n" + pieces};  // without and with -l
     for (int n : {6, 8, 9, 12, 13})
         reported[0] += "Error on line q.conf:" + std::to_string(n) + ": " + lines[n - 1] + "\n";
-    reported[1] = "Error on line q.conf:13: log garbage\n";
+    reported[0] += pieces;
     const Members::value_type a = {"t/a/@bin@echo_a.out", "a\n"}, b = {"t/b/@bin@echo_b.out", "b\n"},
                               ab = {"t/ab/@bin@echo_ab.out", "ab\n"}, all = {"t/all/@bin@echo_all.out", "all\n"},
                               z = {"t/z/@etc@hostname", qt::read_file("/etc/hostname")}, hex = {"t/hex/@bin@echo_x0.out", "x0\n"};
@@ -167,13 +171,17 @@ TEST(Collect, SelectionAndConfigurationLines)
         expect_members(c, asked, test.members, readme(test.letters.empty() ? "i" : test.letters, test.down, test.log_only));
     }
     qt::TempDir dir;
-    const struct { unsigned mode; uid_t owner; std::string why; } refusals[] = {
-        {0666, 0, "is writable by other users"}, {0600, 12345, "belongs to user 12345, neither root nor the caller"}};
+    const struct { unsigned mode; uid_t owner; std::string said; } refusals[] = {
+        {0666, 0, "Config file q.conf is writable by other users; refusing to run it\n"},
+        {0600, 12345, "Config file q.conf belongs to user 12345, neither root nor the caller; refusing to run it\n"},
+        {0, 0, "q.conf: Is a directory\n"}};  // last: a directory in its place
     for (const auto &r : refusals) {
-        asked.job.in_child = [&] { chmod("q.conf", r.mode), chown("q.conf", r.owner, 0); };
+        asked.job.in_child = [&] {
+            r.mode == 0 ? (unlink("q.conf"), mkdir("q.conf", 0755)) : (chmod("q.conf", r.mode), chown("q.conf", r.owner, 0));
+        };
         const qt::Collection c = qt::collect(dir, asked);
         EXPECT_EQ(c.run.status, 6);
-        EXPECT_EQ(c.run.err, "Config file q.conf " + r.why + "; refusing to run it\nError reading config file: q.conf\n");
+        EXPECT_EQ(c.run.err, r.said + "Error reading config file: q.conf\n");
         EXPECT_FALSE(qt::file_exists(dir.file("out.zip")));
     }
 }

@@ -22,6 +22,7 @@
 #include <sstream>
 #include <thread>
 
+#include <gtest/gtest.h>
 #include <openssl/evp.h>
 
 namespace qt {
@@ -136,27 +137,9 @@ bool make_certificate(const TempDir &dir)
 
 std::string capture_stderr(const std::function<void()> &call)
 {
-    // A pipe, read as it fills: no file-size limit of the call reaches it.
-    int fds[2];
-    if (pipe(fds) != 0)
-        abort();
-    std::string text;
-    std::thread reader([&] {
-        char buffer[4096];
-        for (ssize_t n; (n = read(fds[0], buffer, sizeof buffer)) > 0;)
-            text.append(buffer, static_cast<size_t>(n));
-    });
-    fflush(stderr);
-    const int saved = dup(2);
-    dup2(fds[1], 2);
-    close(fds[1]);
+    testing::internal::CaptureStderr();
     call();
-    fflush(stderr);
-    dup2(saved, 2);
-    close(saved);
-    reader.join();
-    close(fds[0]);
-    return text;
+    return testing::internal::GetCapturedStderr();
 }
 
 long resident_peak_kb(pid_t pid, const std::string &program)
@@ -358,6 +341,12 @@ const Member *Archive::find(const std::string &name) const
         if (m.name == name)
             return &m;
     return nullptr;
+}
+
+std::string Archive::data(const std::string &name) const
+{
+    const Member *m = find(name);
+    return m != nullptr ? m->data : "(no " + name + ")";
 }
 
 namespace {

@@ -98,6 +98,8 @@ struct Archive {
     std::string problems;
     std::vector<std::string> names() const;
     const Member *find(const std::string &name) const;
+    // A member's data, or "(no NAME)" when there is none.
+    std::string data(const std::string &name) const;
 };
 Archive read_archive(const std::string &path, const std::set<std::string> &flagged = {});
 

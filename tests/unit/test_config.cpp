@@ -64,28 +64,6 @@ TEST(Config, LinesAreAcceptedOrRejected)
     }
 }
 
-// Rejected lines are reported with their numbers (a long line counts per 1023-byte piece)
-// and skipped; a missing file or a directory is no empty configuration.
-TEST(Config, FileReportsRejectedLinesByNumber)
-{
-    qt::TempDir dir;
-    const std::string conf = dir.file("q.conf"), none = dir.file("none"), at = "Error on line " + conf;
-    ASSERT_TRUE(qt::write_file(conf, "# c\ncut i,-,y,n a /bin/echo %d\nbogus\n\n" + std::string(2000, 'z') +
-                                         "\ncmd i,-,y,n b /t\ncmd i,0,y,n n /t"));  // no final newline
-    Config config;
-    Result result = Result::ok;
-    auto read = [&](const std::string &path) {  // standard error, then whether it was read
-        const std::string err = qt::capture_stderr([&] { result = read_config(path, "pre", false, &config); });
-        return err + (result == Result::ok ? "read" : "refused");
-    };
-    EXPECT_EQ(read(conf), at + ":3: bogus\n" + at + ":5: " + std::string(1023, 'z') + "\n" + at + ":6: " +
-                              std::string(977, 'z') + "\n" + at + ":8: cmd i,0,y,n n /t\nread");
-    ASSERT_EQ(config.entries.size(), 2u);
-    EXPECT_EQ(config.entries[0].member_name + " " + config.entries[1].member_name, "pre/a pre/b");
-    EXPECT_EQ(read(none), "Unable to open config file: " + none + "\n" + none + ": No such file or directory\nrefused");
-    EXPECT_EQ(read(dir.path()), dir.path() + ": Is a directory\nrefused");
-}
-
 TEST(Config, CommandLinesAndMemberNames)
 {
     const struct { const char *member; std::vector<std::string> argv; int index; const char *suffix, *command, *name; } cases[] = {
@@ -236,27 +214,6 @@ TEST(Scrub, StreamAgreesWithTheWholeTextRule)
             ASSERT_EQ(std::string(out.begin(), out.end()), expected) << file << text << " cut " << cut[0] << " " << cut[1];
         }
     }
-}
-
-// Base64 at every alignment, and names scrubbed before they are flattened.
-TEST(Scrub, Base64FormsAndNames)
-{
-    qt::TempDir dir;
-    ASSERT_TRUE(qt::write_file(dir.file("secrets"), "path=/s3cr/et\r\n# the CR above is dropped\nk=0123456789\n", 0600));
-    Scrubber scrub;
-    ASSERT_EQ(scrub.load(dir.file("secrets")), Result::ok);
-    // "0123456789" after 0, 1 and 2 other bytes, in base64.
-    EXPECT_EQ(scrub.text("MDEyMzQ1Njc4OQ== eDAxMjM0NTY3ODk= eHgwMTIzNDU2Nzg5"),
-              "[REDACTED:k]Q== eD[REDACTED:k]k= eHg[REDACTED:k]");
-    ConfigEntry entry;
-    entry.member_name = "t/cmd";
-    Pacing pacing;
-    Console console;
-    ProgressChannel progress;
-    Sink sink;
-    ZipWriter zip(sink, scrub, Compression{}, false);
-    Context context(console, progress, pacing, scrub, zip, "t");
-    EXPECT_EQ(context.command_names(entry, "/bin/cat /s3cr/et").out, "t/cmd/@bin@cat_[REDACTED:path].out");
 }
 
 // A scrub file is refused, with the line at fault, unless it is a regular
