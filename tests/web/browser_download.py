@@ -1,16 +1,16 @@
-# Downloads with a real headless Chromium, driven through its DevTools protocol (a minimal
-# WebSocket client, standard library only), into DEST: the page at URL is opened and its
-# button of id BUTTON clicked; once an entry runs, a second tab opens the page as another
-# operator would, and is reloaded once it shows the run. Prints the page's progress
-# (#overall's value while the download runs), what the second tab showed after its
-# reload, the final #status and #hint texts, each row's class, the
-# suggested file name and how the download ended; saves a screenshot of the finished page
-# as DEST/page.png. With BUTTON "-", URL is itself the download: only the
-# suggested name and how it ended. Usage: python3 browser_download.py DEBUG_PORT URL DEST BUTTON
-import base64, json, os, socket, subprocess, sys, time, urllib.request
+# Downloads with a real headless Chromium, driven through its DevTools protocol, into
+# DEST: the page at URL is opened and its button of id BUTTON clicked; once an entry
+# runs, a second tab opens the page as another operator would, and is reloaded once it
+# shows the run. Prints the page's progress (#overall's value while the download runs),
+# what the second tab showed after its reload, the final #status and #hint texts, each
+# row's class, the suggested file name and how the download ended; saves a screenshot
+# of the finished page as DEST/page.png. With BUTTON "-", URL is itself the download:
+# only the suggested name and how it ended.
+# Usage: python3 browser_download.py DEBUG_PORT URL DEST BUTTON
+import base64, json, os, subprocess, sys, time, urllib.request
+import websocket
 
-port, url, dest = int(sys.argv[1]), sys.argv[2], sys.argv[3]
-button = sys.argv[4]
+port, url, dest, button = int(sys.argv[1]), sys.argv[2], sys.argv[3], sys.argv[4]
 browser = subprocess.Popen(
     ["chromium", "--headless=new", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
      "--disable-background-networking", "--disable-component-update", "--disable-sync",
@@ -23,41 +23,26 @@ try:
             break
         except OSError:
             time.sleep(0.1)
-    host, path = address[len("ws://"):].split("/", 1)
-    sock = socket.create_connection((host.split(":")[0], int(host.split(":")[1])))
-    sock.sendall(("GET /%s HTTP/1.1\r\nHost: %s\r\nUpgrade: websocket\r\nConnection: Upgrade\r\nSec-WebSocket-Key: %s\r\n"
-                  "Sec-WebSocket-Version: 13\r\n\r\n" % (path, host, base64.b64encode(os.urandom(16)).decode())).encode())
-    stream = sock.makefile("rb")
-    while stream.readline() not in (b"\r\n", b""):
-        pass
-    download = {"name": None, "state": None}
-    last_id = [0]
+    sock = websocket.create_connection(address, suppress_origin=True)
+    download, last_id = {"name": None, "state": None}, [0]
 
-    def receive():  # one unmasked frame from the browser; notes download events
-        size = stream.read(2)[1] & 127
-        size = int.from_bytes(stream.read({126: 2, 127: 8}[size]), "big") if size >= 126 else size
-        message = json.loads(stream.read(size))
-        if message.get("method") == "Browser.downloadWillBegin":
-            download["name"] = message["params"]["suggestedFilename"]
-        elif message.get("method") == "Browser.downloadProgress":
-            download["state"] = message["params"]["state"]
-        return message
-
-    def call(method, params, session=None):  # one masked text frame, then its answer
+    def call(method, params, session=None):  # one command and its answer; download events on the way are noted
         last_id[0] += 1
-        message = {"id": last_id[0], "method": method, "params": params}
-        if session:
-            message["sessionId"] = session
-        data, mask = json.dumps(message).encode(), os.urandom(4)
-        size = bytes([0x80 | len(data)]) if len(data) < 126 else bytes([0x80 | 126]) + len(data).to_bytes(2, "big")
-        sock.sendall(b"\x81" + size + mask + bytes(b ^ mask[i % 4] for i, b in enumerate(data)))
+        sock.send(json.dumps({"id": last_id[0], "method": method, "params": params, **({"sessionId": session} if session else {})}))
         while True:
-            answer = receive()
-            if answer.get("id") == last_id[0]:
-                return answer.get("result", {})
+            message = json.loads(sock.recv())
+            if message.get("method") == "Browser.downloadWillBegin":
+                download["name"] = message["params"]["suggestedFilename"]
+            elif message.get("method") == "Browser.downloadProgress":
+                download["state"] = message["params"]["state"]
+            elif message.get("id") == last_id[0]:
+                return message.get("result", {})
 
     def evaluate(session, expression):
         return call("Runtime.evaluate", {"expression": expression, "returnByValue": True}, session)["result"].get("value")
+
+    def text(session, element):
+        return evaluate(session, "document.getElementById('%s').textContent" % element)
 
     call("Browser.setDownloadBehavior", {"behavior": "allow", "downloadPath": dest, "eventsEnabled": True})
     target = call("Target.createTarget", {"url": url})["targetId"]
@@ -70,14 +55,12 @@ try:
         sys.exit(0)
     session = call("Target.attachToTarget", {"targetId": target, "flatten": True})["sessionId"]
     # A new target is about:blank, already "complete", until the page replaces it.
-    loaded = "document.readyState == 'complete' && !!document.getElementById(%s)" % json.dumps(button)
-    while not evaluate(session, loaded) and time.time() < deadline:
+    while not evaluate(session, "document.readyState == 'complete' && !!document.getElementById('%s')" % button):
         time.sleep(0.05)
-    evaluate(session, "document.getElementById(%s).click()" % json.dumps(button))
-    seen, status, second, other, reloaded = [], "", "", None, False
+    evaluate(session, "document.getElementById('%s').click()" % button)
+    seen, second, other, reloaded = [], "", None, False
     while time.time() < deadline:
-        value, status = evaluate(session, "[document.getElementById('overall').value, "
-                                          "document.getElementById('status').textContent]")
+        value, status = evaluate(session, "document.getElementById('overall').value"), text(session, "status")
         if download["state"] in (None, "inProgress") and (not seen or seen[-1] != value):
             seen.append(value)
         if other is None and status.startswith("Collecting"):
@@ -101,7 +84,7 @@ try:
     print("progress while downloading:", " ".join("%g" % v for v in seen))
     print("second tab, reloaded:", second)
     print("status:", status)
-    print("hint:", evaluate(session, "document.getElementById('hint').textContent"))
+    print("hint:", text(session, "hint"))
     print("rows:", evaluate(session, "Array.from(document.querySelectorAll('#entries tr'), (r) => r.className).join(' ')"))
     shot = call("Page.captureScreenshot", {"format": "png"}, session)
     open(os.path.join(dest, "page.png"), "wb").write(base64.b64decode(shot["data"]))
