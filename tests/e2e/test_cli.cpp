@@ -48,23 +48,18 @@ const struct { Args args; std::string message; int status; } REFUSALS[] = {
     {{"--gentle=1"}, "Option --gentle=1 takes no argument\n", 1},
     {req({"--deadline=0"}), "Invalid --deadline '0': seconds from 1 to 86400\n", 1},
     {req({"--max-size=4095"}), "Invalid --max-size '4095': bytes, at least 4096, with K, M or G to scale\n", 1},
-    {req({"--max-size=2X"}), "Invalid --max-size '2X': bytes, at least 4096, with K, M or G to scale\n", 1},
     {req({"--progress-fd=2"}), PROGRESS_FD, 1},
-    {req({"--progress-fd=57"}), PROGRESS_FD, 1},
     {req({"-e", "-I", "3", "--progress-fd=3"}), "Invalid file descriptor passed to --progress-fd: -I reads the password from it.\n", 1},
     {{"-f", "c", "-a", "x", "-o", "-", "--progress-fd=9"}, "Invalid file descriptor passed to --progress-fd: it is the archive's output.\n", 1},
     {req({"--keepalive=0"}), "Invalid --keepalive '0': seconds from 1 to 3600\n", 1},
     {req({"--level=10"}), "Invalid --level '10': a deflate level from 0 to 9\n", 1},
-    {req({"--level=-1"}), "Invalid --level '-1': a deflate level from 0 to 9\n", 1},
     {req({"-C", "--level=0"}), "-C cannot be used with --level or --fast\n", 1},
     {req({"--fast", "--level=3"}), "--fast and --level cannot be used together\n", 1},
     {req({"-e", "-P", "p", "--pbkdf2=10000001"}), "Invalid --pbkdf2 '10000001': iterations from 1 to 10000000\n", 1},
     {req({"--pbkdf2"}), "--pbkdf2 requires -e flag\n", 1},
     {req({"-e", "-P", "p", "--recipient=c"}), "--recipient and -e cannot be used together\n", 1},
     {req({"--scrub="}), "Option --scrub may not be empty\n", 1},
-    {req({"--recipient", ""}), "Option --recipient may not be empty\n", 1},
     {req({"--checksum="}), "Option --checksum may not be empty\n", 1},
-    {req({"-e", "-P", "p", "--pbkdf2="}), "Option --pbkdf2 may not be empty\n", 1},
     {req({"--max-size=1M", "--manifest"}), "--max-size cannot be used with --manifest or --recipient\n", 1},
     {{"-b", "-b", "-Z"}, "The -b flag has already been specified.\n", 1},
     {{"-v", "-o"}, "Option -o requires an argument\n", 1},
@@ -129,16 +124,6 @@ const std::string MISSING = "Unable to open config file: q.conf\nq.conf: No such
                             "Error reading config file: q.conf\n";
 const std::string STOPPED = "Data capture interrupted by user.  Attempting to remove archive.\n";
 
-// README and CONFIG first, read alike by every reader.
-void expect_archive(const qt::Archive &zip)
-{
-    EXPECT_EQ(zip.problems, "");
-    ASSERT_GE(zip.members.size(), 2u);
-    EXPECT_EQ(zip.members[0].name + ":" + zip.members[0].data, "t/README:Archive Name: t.zip\nConfig File: "
-              "q.conf\nVersion: " QUELVANE_VERSION "\nLOG-ONLY MODE: no\nLog Sets: i\nSP SW DOWN: no\nMax Domains: 1\n");
-    EXPECT_EQ(zip.members[1].name + ":" + zip.members[1].data, std::string("t/CONFIG:") + CONFIG);
-}
-
 // out: all of standard output, or in download mode what precedes the archive there. Rows
 // of status 6 run without the configuration file.
 struct Case { std::string out; Args args; std::string console, err = ""; int status = 0; std::string password = "",
@@ -173,6 +158,7 @@ TEST(Run, OutputModesEarlyStopsAndSignals)
         SCOPED_TRACE(::testing::PrintToString(c.args));
         qt::TempDir dir;
         qt::Collect asked{c.status == 6 ? "" : CONFIG, c.args, c.out, c.password};
+        asked.status = c.status;
         asked.job.stdin_data = c.input;
         asked.job.fds = {{7, c.password}};  // for -I 7
         asked.job.in_child = [&c] {
@@ -208,10 +194,10 @@ TEST(Run, OutputModesEarlyStopsAndSignals)
         }
         const qt::Collection got = qt::collect(dir, asked);
         EXPECT_EQ(c.out == "-" ? got.header : got.run.out, c.console);
-        EXPECT_EQ(outcome(got.run), std::to_string(c.status) + " " + c.err);
-        if (c.status == 0 || c.out == "-") {  // an interrupted download still ends its archive
-            expect_archive(got.zip);
-        }
+        EXPECT_EQ(got.run.err, c.err);
+        if (c.status == 0 || c.out == "-")  // an interrupted download still ends its archive, and says why
+            qt::expect_members(got, c.signo == 0 ? qt::Members{} : qt::Members{{"t/slow/@bin@sleep_5.out", ""},
+                                                   {"t/slow/@bin@sleep_5.err", "QUELVANE MSG: User Interrupt\n"}});
         EXPECT_EQ(qt::file_exists(dir.file("out.zip")), c.status == 0 && c.out != "-");
         EXPECT_EQ(qt::run_program("/usr/bin/find", {dir.path(), "-name", "*testwrite*"}).out, "");
         if (c.signo != 0) {
@@ -221,8 +207,6 @@ TEST(Run, OutputModesEarlyStopsAndSignals)
             EXPECT_FALSE(stale_seen);
             EXPECT_TRUE(qt::file_exists(lock + "/.hidden"));
             EXPECT_EQ(qt::left_running(dir.path()), "") << "the command's group outlived the run";
-            EXPECT_EQ(got.zip.find("t/slow/@bin@sleep_5.err") == nullptr ? "" : got.zip.find("t/slow/@bin@sleep_5.err")->data,
-                      c.out == "-" ? "QUELVANE MSG: User Interrupt\n" : "");
         }
     }
 }
@@ -277,7 +261,8 @@ TEST(Run, PasswordTypedAtATerminal)
         EXPECT_TRUE(echo_on());
         if (t.status == 0) {
             ASSERT_EQ(qt::openssl_decrypt(dir.file("out.zip"), "pa ss", dir.file("plain.zip")), "");
-            expect_archive(qt::read_archive(dir.file("plain.zip")));
+            const qt::Archive zip = qt::read_archive(dir.file("plain.zip"));
+            EXPECT_EQ(zip.problems + zip.data("t/CONFIG"), CONFIG);
         }
         close(held);
         close(master);
@@ -304,9 +289,7 @@ TEST(Run, NamesInTheHeaderTheMembersAndTheDryRun)
         qt::Collect asked{config, {"-L", "i", "-b"}, "-"};
         asked.archive = n.archive;
         const qt::Collection got = qt::collect(dir, asked);
-        ASSERT_EQ(got.run.status, 0) << got.run.err;
         EXPECT_NE(got.header.find("\nContent-Disposition: attachment; " + n.disposition + "\n"), std::string::npos) << got.header;
-        EXPECT_EQ(got.zip.problems, "");
         ASSERT_EQ(got.zip.members.size(), 5u);
         for (const qt::Member &m : got.zip.members)
             EXPECT_EQ((m.flags & 0x800) != 0, std::any_of(m.name.begin(), m.name.end(), [](char c) { return c & 0x80; })) << m.name;

@@ -25,17 +25,8 @@
 
 namespace {
 
-// quelvane -f q.conf -a t.zip -o OUT -L i EXTRA.
-qt::Collection collect(const qt::TempDir &dir, const std::string &config, const std::string &out,
-                       qt::RunSpec job = qt::RunSpec(), std::vector<std::string> extra = {})
-{
-    extra.insert(extra.begin(), {"-L", "i"});
-    qt::Collect asked{config, extra, out};
-    asked.job = std::move(job);
-    return qt::collect(dir, asked);
-}
-
-// The same for an archive too large to read into memory: the run alone.
+// quelvane -f q.conf -a t.zip -o OUT -L i EXTRA for an archive too large to read into
+// memory: the run alone.
 qt::RunResult run_large(const qt::TempDir &dir, const std::string &config, std::vector<std::string> extra = {},
                         qt::RunSpec job = qt::RunSpec())
 {
@@ -100,65 +91,50 @@ TEST(Faults, PlantedLockDirectoryIsRefused)
 TEST(Faults, OutputFailuresEndCleanly)
 {
     qt::TempDir dir;
-    std::string big = qt::script(dir, "big", "head -c 3000000 /dev/urandom\nexec sleep 30\n");
-    const std::string config = "cmd i,60,y,n big " + big + "\n", fifo = dir.file("fifo");
+    const std::string big = qt::script(dir, "big", "head -c 3000000 /dev/urandom\nexec sleep 30\n"), fifo = dir.file("fifo");
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
     ASSERT_EQ(mknod(dir.file("full").c_str(), S_IFCHR | 0666, makedev(1, 7)), 0);
     ASSERT_EQ(mknod(dir.file("null").c_str(), S_IFCHR | 0666, makedev(1, 3)), 0);
-    const struct {
-        const char *what, *out, *error;
-        int status;
-    } cases[] = {
-        {"reader goes", "-", "Broken pipe", 2},
-        {"reader goes during a silent command", "-", "Broken pipe", 2},  // seen at the next keepalive
-        {"file size limit", "out.zip", "File too large", 2},
-        {"device full", "full", "No space left on device", 2},
-        {"stdout closed", "-", nullptr, 2},
-        {"interrupted device", "null", nullptr, 5},
+    const struct { std::string what; const char *out, *err; int status; } CASES[] = {
+        {"reader goes", "-", "Error writing data file: Broken pipe\n", 2},  // as `quelvane -o - | head -c 1000`
+        {"reader goes, silent command", "-", "Error writing data file: Broken pipe\n", 2},  // seen at the next keepalive
+        {"device full", "full", "Error writing data file: No space left on device\n", 2},
+        {"stdout closed", "-", "Standard output is closed: nowhere to send the archive\n", 2},
+        {"interrupted device", "null", "Data capture interrupted by user.", 5},
     };
-    for (const auto &c : cases) {
+    for (const auto &c : CASES) {
         SCOPED_TRACE(c.what);
-        const std::string what = c.what;
-        qt::RunSpec job;
+        const bool silent = c.what == "reader goes, silent command";
+        qt::Collect asked{silent ? "cmd i,60,y,n s /bin/sleep 20\n" : "cmd i,60,y,n big " + big + "\n", {"-L", "i"}, c.out};
+        asked.status = c.status;
+        if (silent)
+            asked.args.push_back("--keepalive=1");
         std::thread reader;
-        const bool silent = what == "reader goes during a silent command";
-        if (what.rfind("reader goes", 0) == 0) {  // as `quelvane -o - | head -c 1000`
-            job.in_child = [&] { dup2(open(fifo.c_str(), O_WRONLY), 1); };
-            // Started once the child is forked: a fork beside a running thread
-            // can inherit a lock the sanitizer's interceptors hold.
-            job.during = [&](pid_t) { reader = std::thread([&] {
-                char got[1000];
+        if (c.what.rfind("reader goes", 0) == 0) {
+            asked.job.in_child = [&] { dup2(open(fifo.c_str(), O_WRONLY), 1); };
+            // Started once the child is forked: a fork beside a running thread can inherit
+            // a lock the sanitizer's interceptors hold. It reads 1000 bytes, or what comes
+            // before the silence, and goes.
+            asked.job.during = [&](pid_t) { reader = std::thread([&] {
                 const int fd = open(fifo.c_str(), O_RDONLY);
-                ssize_t n = 1;
-                // Silent: all that comes before the command, then gone.
-                for (size_t done = 0; (silent || done < sizeof got) && n > 0; done += size_t(n)) {
-                    struct pollfd slot = {fd, POLLIN, 0};
-                    n = !silent || poll(&slot, 1, 300) > 0 ? read(fd, got, silent ? sizeof got : sizeof got - done) : 0;
+                char got[1000];
+                struct pollfd slot = {fd, POLLIN, 0};
+                for (size_t done = 0; done < sizeof got && poll(&slot, 1, 300) > 0;) {
+                    const ssize_t n = read(fd, got, sizeof got - done);
+                    done += n > 0 ? size_t(n) : sizeof got;
                 }
-                n = silent ? 1 : n;
-                EXPECT_GT(n, 0);
                 close(fd);
             }); };
-        } else if (what == "file size limit") {
-            job.in_child = [] { struct rlimit limit = {100000, 100000}; setrlimit(RLIMIT_FSIZE, &limit); };
-        } else if (what == "stdout closed") {
-            job.in_child = [] { close(1); };
-        } else if (what == "interrupted device") {
-            job.during = [](pid_t pid) { usleep(300000), kill(pid, SIGINT); };
+        } else if (c.what == "stdout closed") {
+            asked.job.in_child = [] { close(1); };
+        } else if (c.status == 5) {
+            asked.job.during = [](pid_t pid) { usleep(300000), kill(pid, SIGINT); };
         }
-        const qt::RunResult r = silent ? collect(dir, "cmd i,60,y,n s /bin/sleep 20\n", c.out, job, {"--keepalive=1"}).run
-                                       : collect(dir, config, c.out, job).run;
+        const qt::RunResult r = qt::collect(dir, asked).run;
         if (reader.joinable())
             reader.join();
-        EXPECT_EQ(r.status, c.status) << r.err;
-        if (c.error != nullptr) {  // the sink's message, then the stage that failed (which one, timing decides)
-            const std::string sink = std::string("Error writing data file: ") + c.error + "\n";
-            EXPECT_EQ(r.err.substr(0, sink.size()), sink);
-            EXPECT_EQ(r.err.find("Interrupted"), std::string::npos) << r.err;
-        }
-        if (what == "stdout closed") {
-            EXPECT_EQ(r.err, "Standard output is closed: nowhere to send the archive\n");
-        }
+        // The sink's message, then the stage that failed (which one, timing decides).
+        EXPECT_EQ(r.err.substr(0, strlen(c.err)), c.err);
         EXPECT_LT(r.seconds, silent ? 2 * 1.0 + 0.5 : 10.0);
         EXPECT_EQ(qt::left_running(dir.path()), "");
         EXPECT_TRUE(lock_free(dir));
@@ -185,10 +161,7 @@ TEST(Faults, WhatACommandInherits)
                                "\ncmd i,5,y,n argv " + cmdline + "\ncmd i,5,y,n prio " + prio + "\n";
     qt::Collect asked{config, {"-L", "i", "-e", "-P", "secret", "--gentle"}, "out.zip", "secret"};
     asked.job.fds = {{7, "inherited"}};
-    const qt::Collection c = qt::collect(dir, asked);
-    ASSERT_EQ(c.run.status, 0) << c.run.err;
-    const qt::Archive &zip = c.zip;
-    EXPECT_EQ(zip.problems, "");
+    const qt::Archive zip = qt::collect(dir, asked).zip;
     EXPECT_EQ(zip.data("t/fds/@bin@ls_@proc@self@fd.out"), "0\n1\n2\n3\n");  // 3: ls reading the directory
     EXPECT_EQ(zip.find("t/loop/" + qt::flat(loop) + ".err"), nullptr) << "the pipeline into head ran to its time-out";
     EXPECT_EQ(zip.data("t/prio/" + qt::flat(prio) + ".out"), "19 idle\n19 idle\n");
@@ -214,12 +187,10 @@ TEST(Faults, ManyMembersAndAGrowingLog)
         }
         _exit(0);
     }
-    const qt::Collection c = collect(dir, "log i,-,y,y grows " + dir.file("grows.log") + "\nfile i,-,y,n many " +
-                                              dir.file("many/*") + "\n", "out.zip");
+    const qt::Collection c =
+        qt::collect(dir, {"log i,-,y,y grows " + dir.file("grows.log") + "\nfile i,-,y,n many " + dir.file("many/*") + "\n", {"-L", "i"}});
     kill(writer, SIGKILL);
     waitpid(writer, nullptr, 0);
-    ASSERT_EQ(c.run.status, 0) << c.run.err;
-    EXPECT_EQ(c.zip.problems, "");
     ASSERT_EQ(c.zip.members.size(), 70003u);
     const qt::Member &log = c.zip.members[2];
     EXPECT_EQ(log.data.size(), log.declared);
@@ -269,14 +240,15 @@ TEST(Faults, InterruptsAtRandomMoments)
             SCOPED_TRACE("signal " + std::to_string(moments[i].first) + " at " + std::to_string(moments[i].second) +
                          " us, " + (download ? "download" : "file"));
             qt::TempDir dir;
-            qt::RunSpec job;
-            job.during = [&](pid_t pid) {
-                for (int n = 0; n < 2000 && !qt::file_exists(dir.file("home/quelvane_tmp/quelvane.quelvane")); ++n)
+            qt::Collect asked{config, {"-L", "i"}, download ? "-" : "out.zip"};
+            asked.status = -1;
+            asked.job.during = [&](pid_t pid) {
+                for (int n = 0; n < 2000 && lock_free(dir); ++n)
                     usleep(1000);
                 usleep(static_cast<useconds_t>(moments[i].second));
                 kill(pid, moments[i].first);
             };
-            const qt::Collection c = collect(dir, config, download ? "-" : "out.zip", job);
+            const qt::Collection c = qt::collect(dir, asked);
             EXPECT_TRUE(c.run.status == 0 || c.run.status == 5) << c.run.status << " " << c.run.err;
             EXPECT_TRUE(lock_free(dir));
             EXPECT_EQ(qt::left_running(dir.path()), "");
@@ -343,8 +315,7 @@ TEST(Faults, ArchiveIsOnTheDeviceBeforeCompleteIsSaid)
 
 // Every wait ends by the deadline or an interrupt: a reader that never reads (with a
 // deadline: status 2; interrupted: status 5, nothing kept), a file too large to read in
-// time (cut where the deadline found it), a command that dies on SIGTERM (no grace left
-// to run), and a large --pbkdf2 that is refused before any work.
+// time (cut where the deadline found it).
 TEST(Faults, EveryWaitEndsByTheDeadlineOrAnInterrupt)
 {
     qt::TempDir dir;
@@ -355,13 +326,11 @@ TEST(Faults, EveryWaitEndsByTheDeadlineOrAnInterrupt)
         {"stalled reader", "big", "-", "--deadline=3", 0, 2, "Error writing data file: the reader stalled\n", 3.5 + 0.5},
         {"interrupted stalled reader", "big", "-", nullptr, SIGTERM, 5, "Data capture interrupted by user.", 2.5},
         {"sparse file", "file", "out.zip", "--deadline=1", 0, 0, "", 2.0},  // then the rest of the archive
-        {"sleep", "sleep", "out.zip", "--deadline=3", 0, 0, "", 3.5},
     };
     for (const auto &c : CASES) {
         SCOPED_TRACE(c.what);
-        const std::string config = c.config == std::string("big")    ? "cmd i,60,y,n big " + big + "\n"
-                                   : c.config == std::string("file") ? "file i,-,y,y f " + dir.file("sparse") + "\n"
-                                                                     : "cmd i,60,y,n s /bin/sleep 60\n";
+        const std::string config =
+            c.config == std::string("big") ? "cmd i,60,y,n big " + big + "\n" : "file i,-,y,y f " + dir.file("sparse") + "\n";
         const std::string fifo = dir.file("fifo");
         unlink(fifo.c_str());
         ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);

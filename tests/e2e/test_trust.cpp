@@ -27,8 +27,6 @@ TEST(Trust, ProgressLinesAndManifestTellAMixedRun)
     asked.progress = true;
     asked.flagged = {"t/g/" + qt::flat(dir.file("absent")) + ".err"};
     const qt::Collection c = qt::collect(dir, asked);
-    ASSERT_EQ(c.run.status, 0) << c.run.err;
-    EXPECT_EQ(c.zip.problems, "");
     // BEGIN, then START and END for each entry, then the archive's size as delivered.
     const std::vector<std::string> &lines = c.progress;
     ASSERT_EQ(lines.size(), 1u + 2 * 6 + 1);
@@ -105,7 +103,6 @@ TEST(Trust, EncryptionsAndChecksumsReadByTheStockTools)
             asked.args.insert(asked.args.end(), c.options.begin(), c.options.end());
             asked.progress = true;
             const qt::Collection got = qt::collect(dir, asked);
-            ASSERT_EQ(got.run.status, 0) << got.run.err;
             EXPECT_EQ(got.run.err, out == "-" ? qt::sha256(got.sent) + "  t.zip\n" : "");
             ASSERT_TRUE(out != "-" || qt::write_file(dir.file("t.sha256"), got.run.err));
             EXPECT_EQ(got.run.out.substr(0, out == "-" ? 0 : std::string::npos),
@@ -174,10 +171,7 @@ TEST(Trust, ScrubbedSecretsAppearInNoExtractedByte)
             asked.args.push_back("-b"), asked.archive = token + ".zip";
         const std::string top = out == "-" ? "[REDACTED:api]/" : "t/";
         asked.progress = true;
-        const qt::Collection c = qt::collect(dir, asked);
-        ASSERT_EQ(c.run.status, 0) << c.run.err;
-        // Sizes and CRCs are the scrubbed data's: no reader flags anything.
-        EXPECT_EQ(c.zip.problems, "");
+        const qt::Collection c = qt::collect(dir, asked);  // no reader flags a scrubbed member's size or CRC
         size_t redactions = 0;
         std::string everything = c.header + c.run.out + c.run.err;
         for (const std::string &line : c.progress)
@@ -254,8 +248,9 @@ open(sys.argv[1], 'wb').write(cert.public_bytes(serialization.Encoding.PEM)))", 
             else if (c.signo != 0)
                 kill(pid, c.signo);
         };
+        asked.status = c.status;
         const qt::Collection got = qt::collect(dir, asked);
-        EXPECT_EQ(std::to_string(got.run.status) + " " + got.run.err.substr(0, c.err.size()), std::to_string(c.status) + " " + c.err);
+        EXPECT_EQ(got.run.err.substr(0, c.err.size()), c.err);
         EXPECT_EQ(qt::read_file(dir.file("victim")), "kept\n");
         for (const char *link : {"special.zip", "special.sum"}) {
             char target[16] = {};
@@ -264,7 +259,6 @@ open(sys.argv[1], 'wb').write(cert.public_bytes(serialization.Encoding.PEM)))", 
         EXPECT_EQ(qt::read_file(dir.file("out.zip")) == "earlier\n", c.status != 2);
         EXPECT_EQ(qt::run_program("/bin/sh", {"-c", "ls -a " + dir.path() + " | grep -c '^\\.[a-z].*\\.'"}).out, "0\n");
         if (c.status == 0) {
-            EXPECT_EQ(got.zip.problems, "");
             EXPECT_EQ(qt::read_file(dir.file("link.sum")), qt::sha256(qt::read_file(dir.file("link.zip"))) + "  link.zip\n");
         }
     }
@@ -277,8 +271,6 @@ TEST(Trust, ManifestKeepsNamesThatAreNotUtf8)
     qt::TempDir dir;
     ASSERT_TRUE(qt::write_file(dir.file("a\xfe"), "one\n") && qt::write_file(dir.file("a\xff"), "two\n"));
     const qt::Collection c = qt::collect(dir, {"log i,-,y,n f " + dir.file("a*") + "\n", {"-L", "i", "--manifest"}, "o\xff.zip"});
-    ASSERT_EQ(c.run.status, 0) << c.run.err;
-    ASSERT_EQ(c.zip.problems, "");
     ASSERT_EQ(c.zip.names().back(), "t/MANIFEST.json");
     const nlohmann::json manifest = nlohmann::json::parse(c.zip.members.back().data);
     EXPECT_EQ(manifest["options"]["output"], "o\xef\xbf\xbd.zip");

@@ -442,12 +442,13 @@ Archive read_archive(const std::string &path, const std::set<std::string> &flagg
         problems += "python zipfile flagged " + describe({refused.begin(), refused.end()}) + ", expected " +
                     describe(flagged) + "\n";
     archive.members = parse_listing(python.out, &problems);
-    // unzip shows each name that is ASCII or flagged UTF-8 as it is.
+    // unzip shows each name that is ASCII or flagged UTF-8 as it is, control bytes aside.
     const std::vector<std::string> listed = split_lines(reader("/usr/bin/unzip", {"-Z1", path}).out);
     for (size_t i = 0; i < archive.members.size() && i < listed.size(); ++i) {
         const Member &m = archive.members[i];
         const bool plain = std::all_of(m.name.begin(), m.name.end(), [](char c) { return (c & 0x80) == 0; });
-        if ((plain || (m.flags & 0x800)) && listed[i] != m.name && m.name.find('\n') == std::string::npos)
+        const bool control = std::any_of(m.name.begin(), m.name.end(), [](char c) { return c >= 0 && c < 0x20; });
+        if ((plain || (m.flags & 0x800)) && listed[i] != m.name && !control)
             problems += "unzip -Z1 lists " + listed[i] + " for " + m.name + "\n";
     }
     // bsdtar reads the stream front to back from a pipe, as a browser
@@ -479,6 +480,8 @@ std::string openssl_decrypt(const std::string &in, const std::string &password, 
 Collection collect(const TempDir &dir, const Collect &c)
 {
     Collection result;
+    result.config = c.config;
+    result.flagged = c.flagged;
     write_file(dir.file("q.conf"), c.config);
     const std::string written = c.out == "-" ? dir.file("stdout") : dir.file(c.out);
     std::vector<std::string> args = {"-f", "q.conf", "-a", c.archive, "-o", c.out};
@@ -493,6 +496,9 @@ Collection collect(const TempDir &dir, const Collect &c)
         };
     }
     result.run = run_quelvane(dir, args, job);
+    if (c.status >= 0) {
+        EXPECT_EQ(result.run.status, c.status) << result.run.err;
+    }
     if (c.progress)
         result.progress = split_lines(read_file(dir.file("progress")));
     struct stat status;
@@ -513,7 +519,30 @@ Collection collect(const TempDir &dir, const Collect &c)
         rename(dir.file("sent").c_str(), result.path.c_str());
     if (result.zip.problems.empty())
         result.zip = read_archive(result.path, c.flagged);
+    if (c.status >= 0) {
+        EXPECT_EQ(result.zip.problems, "");
+    }
     return result;
+}
+
+std::string readme(const std::string &letters, bool down, bool log_only)
+{
+    return "Archive Name: t.zip\nConfig File: q.conf\nVersion: " QUELVANE_VERSION "\nLOG-ONLY MODE: " +
+           std::string(log_only ? "yes" : "no") + "\nLog Sets: " + letters + "\nSP SW DOWN: " + (down ? "yes" : "no") +
+           "\nMax Domains: 1\n";
+}
+
+void expect_members(const Collection &c, const Members &rest, const std::string &readme_text)
+{
+    Members members = {{"t/README", readme_text}, {"t/CONFIG", c.config}};
+    members.insert(members.end(), rest.begin(), rest.end());
+    ASSERT_EQ(c.zip.names().size(), members.size()) << testing::PrintToString(c.zip.names());
+    for (size_t i = 0; i < members.size(); ++i) {
+        const Member &m = c.zip.members[i];
+        EXPECT_EQ(m.name, members[i].first);
+        EXPECT_TRUE(m.data == members[i].second) << m.name << ": " << m.data.substr(0, 300);
+        EXPECT_TRUE(c.flagged.count(m.name) == 0 || m.dos_datetime == 0x00210000u) << m.name;
+    }
 }
 
 }  // namespace qt

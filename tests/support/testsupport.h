@@ -122,9 +122,12 @@ struct Collect {
     std::string archive = "t.zip";  // -a
     std::set<std::string> flagged;
     bool progress = false;  // --progress-fd=3 into dir/progress
+    int status = 0;         // expected, and then an archive read without problems; -1: anything
     RunSpec job;
 };
 struct Collection {
+    std::string config;
+    std::set<std::string> flagged;
     RunResult run;
     std::string header;  // what preceded the archive on standard output
     std::string sent;    // the archive as delivered
@@ -133,6 +136,13 @@ struct Collection {
     std::vector<std::string> progress;
 };
 Collection collect(const TempDir &dir, const Collect &c);
+
+// README's text for archive t.zip made from q.conf.
+std::string readme(const std::string &letters = "i", bool down = false, bool log_only = false);
+using Members = std::vector<std::pair<std::string, std::string>>;  // name, data
+// README, CONFIG (the configuration as written), then exactly these members in order;
+// a flagged member (a collected file's ".err") declares 1 January 1980.
+void expect_members(const Collection &c, const Members &rest, const std::string &readme_text = readme());
 
 }  // namespace qt
 
