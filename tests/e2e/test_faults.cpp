@@ -41,17 +41,23 @@ qt::RunResult run_large(const qt::TempDir &dir, const std::string &config, std::
 // Python (the first text) and shell lines (the rest) with the path as $0 or argv[1].
 std::vector<qt::RunResult> read_streaming(const std::string &zip, const std::vector<std::string> &scripts)
 {
-    std::vector<std::vector<std::string>> readers = {{"unzip", "-tq", zip}, {"python3", "-c", scripts[0], zip}};
+    std::vector<qt::RunSpec> readers(1 + scripts.size());
+    readers[0].args = {"unzip", "-tq", zip};
+    readers[1].args = {"python3", "-c", scripts[0], zip};
     for (size_t i = 1; i < scripts.size(); ++i)
-        readers.push_back({"sh", "-c", scripts[i], zip});
+        readers[i + 1].args = {"sh", "-c", scripts[i], zip};
     std::vector<qt::RunResult> got(readers.size());
     std::vector<std::thread> threads;
     for (size_t i = 0; i < readers.size(); ++i)
-        threads.emplace_back([&, i] { got[i] = qt::run_program("/usr/bin/env", readers[i]); });
+        threads.emplace_back([&, i] {
+            readers[i].program = "/usr/bin/env";
+            readers[i].timeout_seconds = 600;  // gigabytes on a machine that may be busy, as their run
+            got[i] = qt::run(readers[i]);
+        });
     for (std::thread &t : threads)
         t.join();
     for (size_t i = 0; i < readers.size(); ++i)
-        EXPECT_EQ(got[i].status, 0) << readers[i][0] << ": " << got[i].err;
+        EXPECT_EQ(got[i].status, 0) << readers[i].args[0] << ": " << got[i].err;
     return got;
 }
 

@@ -1,13 +1,10 @@
 #include "testsupport.h"
 
-#include <arpa/inet.h>
 #include <dirent.h>
 #include <fcntl.h>
-#include <netinet/in.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -307,20 +304,6 @@ std::string left_running(const std::string &mark)
     if (proc != nullptr)
         closedir(proc);
     return found;
-}
-
-int free_port()
-{
-    const int fd = socket(AF_INET, SOCK_STREAM, 0);
-    struct sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    if (bind(fd, reinterpret_cast<sockaddr *>(&address), length) != 0 ||
-        getsockname(fd, reinterpret_cast<sockaddr *>(&address), &length) != 0)
-        abort();
-    close(fd);
-    return ntohs(address.sin_port);
 }
 
 // ---------------------------------------------------------------------------

@@ -78,7 +78,6 @@ std::string capture_stderr(const std::function<void()> &call);
 // The processes of a run marked with RUN_MARK + mark still alive (killed).
 extern const std::string RUN_MARK;
 std::string left_running(const std::string &mark);
-int free_port();
 // The peak resident size so far of a running process that has executed
 // program, in KiB; 0 before that exec and once it has ended.
 long resident_peak_kb(pid_t pid, const std::string &program);
