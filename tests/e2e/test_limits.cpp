@@ -5,7 +5,6 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <utime.h>
 
 #include <algorithm>
 #include <cstring>
@@ -90,21 +89,13 @@ TEST(Limits, BudgetsHoldAndCountEveryRecord)
 {
     qt::TempDir dir;
     // Rotated logs, newest first by age but not by name (app.log.10 is the oldest).
-    ASSERT_EQ(mkdir(dir.file("logs").c_str(), 0755), 0);
+    ASSERT_EQ(qt::run_program("/bin/sh", {"-c", "cd " + dir.path() + " && mkdir logs && for i in $(seq 0 10); do f=logs/app.log.$i; "
+                                               "[ $i = 0 ] && f=logs/app.log; seq 3000 | awk -v s=$i '{ print \"event\", "
+                                               "($1 * 7919 + s * 104729) % 1000003, \"state\", ($1 + s) % 97 }' > $f; "
+                                               "touch -d @$((1700000000 - i * 3600)) $f; done"}).status, 0);
     std::vector<std::string> by_age;
-    uint32_t seed = 7;
-    for (int i = 0; i <= 10; ++i) {
-        std::string text;
-        while (text.size() < 60000) {
-            seed = seed * 1103515245 + 12345;
-            text += "event " + std::to_string(seed >> 8) + " state " + std::to_string(seed % 97) + "\n";
-        }
-        const std::string name = "logs/app.log" + (i == 0 ? "" : "." + std::to_string(i));
-        ASSERT_TRUE(qt::write_file(dir.file(name), text));
-        struct utimbuf when = {1700000000 - i * 3600, 1700000000 - i * 3600};
-        utime(dir.file(name).c_str(), &when);
-        by_age.push_back("t/logs/" + qt::flat(dir.file(name)));
-    }
+    for (int i = 0; i <= 10; ++i)
+        by_age.push_back("t/logs/" + qt::flat(dir.file("logs/app.log" + (i == 0 ? "" : "." + std::to_string(i)))));
     const std::string logs = "cmd i,-,y,n id /bin/uname -a\nlog i,-,y,n logs " + dir.file("logs/app.log*") +
                              "\ncmd i,-,y,n noise /bin/head -c 1500000 /dev/urandom\ncmd i,-,y,n after /bin/echo after\n";
     const std::string noisy = qt::script(dir, "noisy", "head -c 200000 /dev/urandom | base64 -w 0 >&2\n"

@@ -334,12 +334,14 @@ std::string Archive::data(const std::string &name) const
 
 namespace {
 
-// Lists every member (its fields as a line, then its name and its data
-// inflated from the raw bytes), checks each local header and data descriptor against the
-// central record, and names on standard error the members zipfile refuses.
-const char *const READER = R"(import struct, sys, zipfile, zlib
-out, problems = sys.stdout.buffer, []
-with zipfile.ZipFile(sys.argv[1]) as z, open(sys.argv[1], 'rb') as f:
+// Lists every member (its fields as a line, then its name and its data inflated from
+// the raw bytes), checks each local header and data descriptor against the central
+// record, and adds, as lines "! ...", what any reader finds wrong: zipfile, unzip -t,
+// unzip's listing of names, and bsdtar, which flag exactly the members named after the path.
+const char *const READER = R"(import os, struct, subprocess, sys, zipfile, zlib
+path, flagged = sys.argv[1], {os.fsencode(name) for name in sys.argv[2:]}
+out, problems, refused, names = sys.stdout.buffer, [], set(), []
+with zipfile.ZipFile(path) as z, open(path, 'rb') as f:
     for i in z.infolist():
         name = i.orig_filename.encode('utf-8' if i.flag_bits & 0x800 else 'cp437', 'surrogateescape')
         t = i.date_time
@@ -356,21 +358,31 @@ with zipfile.ZipFile(sys.argv[1]) as z, open(sys.argv[1], 'rb') as f:
         try:
             z.read(i)
         except Exception:
-            print(i.filename, file=sys.stderr)
+            refused.add(name)
+        names.append((name, i.flag_bits))
         out.write(b'%d %d %d %d %d %d %d %d\n' % (i.flag_bits, dos, i.CRC, i.compress_size, i.file_size, i.header_offset, len(name), len(data)) + name + data)
     f.seek(-22, 2)
     if f.read(4) != b'PK\x05\x06':
         problems.append('bytes after the end record')
+unzip = subprocess.run(['unzip', '-t', '-q', path], capture_output=True)
+if unzip.returncode != 0:
+    problems.append('unzip -t failed (%d): %r' % (unzip.returncode, unzip.stdout + unzip.stderr))
+# unzip shows each name that is ASCII or flagged UTF-8 as it is, control bytes aside.
+for (name, flags), listed in zip(names, subprocess.run(['unzip', '-Z1', path], capture_output=True).stdout.split(b'\n')):
+    if (name.isascii() or flags & 0x800) and listed != name and all(c >= 32 for c in name):
+        problems.append('unzip -Z1 lists %r for %r' % (listed, name))
+# bsdtar reads the stream front to back from a pipe, as a browser download would
+# arrive; an archive past 1 GiB (a sparse one) from its file.
+large = os.path.getsize(path) > 1 << 30
+tar = subprocess.run(['bsdtar', '-xOf', path if large else '-'], input=None if large else open(path, 'rb').read(),
+                     stdout=subprocess.DEVNULL, stderr=subprocess.PIPE).stderr.split(b'\n')
+wrong = {line.split(b': ZIP uncompressed data is wrong size')[0] for line in tar if b'data is wrong size' in line}
+problems += ['bsdtar -x: %r' % line for line in tar if line and b'data is wrong size' not in line and b'Error exit delayed' not in line]
+for reader, seen in (('python zipfile', refused), ('bsdtar', wrong)):
+    if seen != flagged:
+        problems.append('%s flagged %r, expected %r' % (reader, sorted(seen), sorted(flagged)))
 out.write(b''.join(b'! %s\n' % p.encode() for p in problems))
 )";
-
-std::string describe(const std::set<std::string> &names)
-{
-    std::string text;
-    for (const std::string &n : names)
-        text += (text.empty() ? "" : ", ") + n;
-    return "{" + text + "}";
-}
 
 // The members our reader listed, its problems appended to *problems.
 std::vector<Member> parse_listing(const std::string &listing, std::string *problems)
@@ -402,54 +414,17 @@ std::vector<Member> parse_listing(const std::string &listing, std::string *probl
 
 Archive read_archive(const std::string &path, const std::set<std::string> &flagged)
 {
+    RunSpec job;
+    job.program = "/usr/bin/python3";
+    job.args = {"-c", READER, path};
+    job.args.insert(job.args.end(), flagged.begin(), flagged.end());
+    job.env = {"LC_ALL=C.UTF-8"};  // the readers as an operator's shell runs them
+    job.timeout_seconds = 120;
+    const RunResult reader = run(job);
     Archive archive;
-    std::string &problems = archive.problems;
-    // The readers as an operator's shell runs them, in a UTF-8 locale.
-    auto reader = [](const std::string &program, const std::vector<std::string> &args, const std::string &input = "") {
-        RunSpec job;
-        job.program = program;
-        job.args = args;
-        job.stdin_data = input;
-        job.env = {"LC_ALL=C.UTF-8"};
-        job.timeout_seconds = 120;
-        return run(job);
-    };
-    const RunResult unzip = reader("/usr/bin/unzip", {"-t", "-q", path});
-    if (unzip.status != 0)
-        problems += "unzip -t failed (" + std::to_string(unzip.status) + "): " + unzip.out + unzip.err;
-    const RunResult python = reader("/usr/bin/python3", {"-c", READER, path});
-    const std::vector<std::string> refused = split_lines(python.err);
-    if (python.status != 0)
-        problems += "python zipfile could not open it: " + python.err;
-    else if (std::set<std::string>(refused.begin(), refused.end()) != flagged)
-        problems += "python zipfile flagged " + describe({refused.begin(), refused.end()}) + ", expected " +
-                    describe(flagged) + "\n";
-    archive.members = parse_listing(python.out, &problems);
-    // unzip shows each name that is ASCII or flagged UTF-8 as it is, control bytes aside.
-    const std::vector<std::string> listed = split_lines(reader("/usr/bin/unzip", {"-Z1", path}).out);
-    for (size_t i = 0; i < archive.members.size() && i < listed.size(); ++i) {
-        const Member &m = archive.members[i];
-        const bool plain = std::all_of(m.name.begin(), m.name.end(), [](char c) { return (c & 0x80) == 0; });
-        const bool control = std::any_of(m.name.begin(), m.name.end(), [](char c) { return c >= 0 && c < 0x20; });
-        if ((plain || (m.flags & 0x800)) && listed[i] != m.name && !control)
-            problems += "unzip -Z1 lists " + listed[i] + " for " + m.name + "\n";
-    }
-    // bsdtar reads the stream front to back from a pipe, as a browser
-    // download would arrive; an archive past 1 GiB (a sparse one) from its file.
-    struct stat status;
-    const bool large = stat(path.c_str(), &status) == 0 && status.st_size > (off_t{1} << 30);
-    const RunResult extract = large ? reader("/usr/bin/bsdtar", {"-xOf", path})
-                                    : reader("/usr/bin/bsdtar", {"-xOf", "-"}, read_file(path));
-    std::set<std::string> wrong_size;
-    for (const std::string &line : split_lines(extract.err)) {
-        const size_t at = line.find(": ZIP uncompressed data is wrong size");
-        if (at != std::string::npos)
-            wrong_size.insert(line.substr(0, at));
-        else if (line.find("Error exit delayed") == std::string::npos)
-            problems += "bsdtar -x: " + line + "\n";
-    }
-    if (wrong_size != flagged)
-        problems += "bsdtar flagged " + describe(wrong_size) + ", expected " + describe(flagged) + "\n";
+    archive.members = parse_listing(reader.out, &archive.problems);
+    if (reader.status != 0)
+        archive.problems += "the readers failed (" + std::to_string(reader.status) + "): " + reader.err;
     return archive;
 }
 
