@@ -6,6 +6,9 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -116,7 +119,8 @@ TEST(CommandLine, HelpAndVersion)
     EXPECT_EQ(std::to_string(version.status) + version.out + version.err, "0quelvane " QUELVANE_VERSION "\n" + engines_description());
 }
 
-const char CONFIG[] = "# kept byte for byte\ncmd i,30,y,n slow /bin/sleep 5\n";  // run only with -L i
+// Its commands run only with -L i or -L b.
+const char CONFIG[] = "# kept byte for byte\ncmd i,30,y,n slow /bin/sleep 5\ncmd b,30,y,n big /bin/head -c 3000000 /dev/urandom\n";
 const std::string FILE_LINES = "Collecting data into out.zip\nData collection complete\n";
 const std::string HEADER = "Cache-Control: public\nPragma: public\nContent-Disposition: attachment; "
                            "filename=t.zip\nContent-Type: application/octet-stream; name=t.zip\n\n";
@@ -124,10 +128,11 @@ const std::string MISSING = "Unable to open config file: q.conf\nq.conf: No such
                             "Error reading config file: q.conf\n";
 const std::string STOPPED = "Data capture interrupted by user.  Attempting to remove archive.\n";
 
-// out: all of standard output, or in download mode what precedes the archive there. Rows
-// of status 6 run without the configuration file.
+// out: all of standard output, or in download mode what precedes the archive there (or
+// "full" and "null", devices). Rows of status 6 run without the configuration file. reader:
+// a command reading the archive, which goes, or "closed" for no standard output at all.
 struct Case { std::string out; Args args; std::string console, err = ""; int status = 0; std::string password = "",
-              input = ""; int signo = 0; rlim_t file_limit = RLIM_INFINITY; };
+              input = ""; int signo = 0; rlim_t file_limit = RLIM_INFINITY; std::string reader = ""; };
 const Case RUNS[] = {
     {"out.zip", {}, FILE_LINES},
     {"out.zip", {"-q"}, "Collecting data into out.zip\n"},
@@ -149,6 +154,14 @@ const Case RUNS[] = {
      "Data collection complete\n"},
     {"out.zip", {"-L", "i"}, "Collecting data into out.zip\n", STOPPED, 5, "", "", SIGINT},
     {"-", {"-L", "i"}, "", STOPPED, 5, "", "", SIGTERM},
+    {"null", {"-L", "i"}, "Collecting data into null\n", STOPPED, 5, "", "", SIGINT},
+    // Output failures: the sink's message, then the stage that failed (which one, timing
+    // decides). A reader that goes is noticed at once, in a silent command at the next keepalive.
+    {"-", {"-L", "b"}, "", "Error writing data file: Broken pipe\n", 2, "", "", 0, RLIM_INFINITY, "head -c 1000 >/dev/null"},
+    {"-", {"-L", "i", "--keepalive=1"}, "", "Error writing data file: Broken pipe\n", 2, "", "", 0, RLIM_INFINITY,
+     "timeout 0.5 cat >/dev/null"},
+    {"full", {"-L", "b"}, "Collecting data into full\n", "Error writing data file: No space left on device\n", 2},
+    {"-", {}, "", "Standard output is closed: nowhere to send the archive\n", 2, "", "", 0, RLIM_INFINITY, "closed"},
 };
 
 TEST(Run, OutputModesEarlyStopsAndSignals)
@@ -167,6 +180,18 @@ TEST(Run, OutputModesEarlyStopsAndSignals)
             signal(SIGXFSZ, SIG_IGN);
             if (c.status == 6)
                 unlink("q.conf");
+            mknod("full", S_IFCHR | 0666, makedev(1, 7)), mknod("null", S_IFCHR | 0666, makedev(1, 3));
+            int pipe_fds[2];
+            if (c.reader == "closed") {
+                close(1);
+            } else if (!c.reader.empty() && pipe(pipe_fds) == 0) {  // the reader a grandchild of ours, never the tool's child
+                if (fork() == 0) {
+                    if (fork() == 0)
+                        dup2(pipe_fds[0], 0), close(pipe_fds[1]), execl("/bin/sh", "sh", "-c", c.reader.c_str(), nullptr);
+                    _exit(0);
+                }
+                wait(nullptr), dup2(pipe_fds[1], 1), close(pipe_fds[0]), close(pipe_fds[1]);
+            }
         };
         // Interrupted in a command: while it holds the lock, a run of its name is refused and one of
         // another name runs; the second signal comes while it closes the archive and must not kill it.
@@ -194,8 +219,14 @@ TEST(Run, OutputModesEarlyStopsAndSignals)
         }
         const qt::Collection got = qt::collect(dir, asked);
         EXPECT_EQ(c.out == "-" ? got.header : got.run.out, c.console);
-        EXPECT_EQ(got.run.err, c.err);
-        if (c.status == 0 || c.out == "-")  // an interrupted download still ends its archive, and says why
+        EXPECT_EQ(got.run.err.substr(0, c.reader.empty() && c.out != "full" ? std::string::npos : c.err.size()), c.err);
+        EXPECT_LT(got.run.seconds, qt::emulated() ? 12 : 4) << "the slow command ran to its end";
+        EXPECT_EQ(qt::left_running(dir.path()), "") << "the command's group outlived the run";
+        EXPECT_TRUE(c.signo != 0 || !qt::file_exists(lock)) << "the lock outlived the run";
+        struct stat full, null;
+        EXPECT_TRUE(stat(dir.file("full").c_str(), &full) == 0 && S_ISCHR(full.st_mode) &&
+                    stat(dir.file("null").c_str(), &null) == 0 && S_ISCHR(null.st_mode));
+        if (c.status == 0 || (c.out == "-" && c.signo != 0))  // an interrupted download still ends its archive, and says why
             qt::expect_members(got, c.signo == 0 ? qt::Members{} : qt::Members{{"t/slow/@bin@sleep_5.out", ""},
                                                    {"t/slow/@bin@sleep_5.err", "QUELVANE MSG: User Interrupt\n"}});
         EXPECT_EQ(qt::file_exists(dir.file("out.zip")), c.status == 0 && c.out != "-");
@@ -206,7 +237,6 @@ TEST(Run, OutputModesEarlyStopsAndSignals)
             EXPECT_EQ(outcome(help), "0 " + usage("tool"));
             EXPECT_FALSE(stale_seen);
             EXPECT_TRUE(qt::file_exists(lock + "/.hidden"));
-            EXPECT_EQ(qt::left_running(dir.path()), "") << "the command's group outlived the run";
         }
     }
 }

@@ -5,11 +5,8 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/sysmacros.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -90,65 +87,6 @@ TEST(Faults, PlantedLockDirectoryIsRefused)
         EXPECT_TRUE(qt::file_exists(dir.file("victim/passwd")));
         EXPECT_FALSE(qt::file_exists(dir.file("victim/.lock")));
     }
-}
-
-// Output failures of every kind end with status 2, the sink's message, no partial file
-// and no process of the run; a device named as output survives a failed run.
-TEST(Faults, OutputFailuresEndCleanly)
-{
-    qt::TempDir dir;
-    const std::string big = qt::script(dir, "big", "head -c 3000000 /dev/urandom\nexec sleep 30\n"), fifo = dir.file("fifo");
-    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-    ASSERT_EQ(mknod(dir.file("full").c_str(), S_IFCHR | 0666, makedev(1, 7)), 0);
-    ASSERT_EQ(mknod(dir.file("null").c_str(), S_IFCHR | 0666, makedev(1, 3)), 0);
-    const struct { std::string what; const char *out, *err; int status; } CASES[] = {
-        {"reader goes", "-", "Error writing data file: Broken pipe\n", 2},  // as `quelvane -o - | head -c 1000`
-        {"reader goes, silent command", "-", "Error writing data file: Broken pipe\n", 2},  // seen at the next keepalive
-        {"device full", "full", "Error writing data file: No space left on device\n", 2},
-        {"stdout closed", "-", "Standard output is closed: nowhere to send the archive\n", 2},
-        {"interrupted device", "null", "Data capture interrupted by user.", 5},
-    };
-    for (const auto &c : CASES) {
-        SCOPED_TRACE(c.what);
-        const bool silent = c.what == "reader goes, silent command";
-        qt::Collect asked{silent ? "cmd i,60,y,n s /bin/sleep 20\n" : "cmd i,60,y,n big " + big + "\n", {"-L", "i"}, c.out};
-        asked.status = c.status;
-        if (silent)
-            asked.args.push_back("--keepalive=1");
-        std::thread reader;
-        if (c.what.rfind("reader goes", 0) == 0) {
-            asked.job.in_child = [&] { dup2(open(fifo.c_str(), O_WRONLY), 1); };
-            // Started once the child is forked: a fork beside a running thread can inherit
-            // a lock the sanitizer's interceptors hold. It reads 1000 bytes, or what comes
-            // before the silence, and goes.
-            asked.job.during = [&](pid_t) { reader = std::thread([&] {
-                const int fd = open(fifo.c_str(), O_RDONLY);
-                char got[1000];
-                struct pollfd slot = {fd, POLLIN, 0};
-                for (size_t done = 0; done < sizeof got && poll(&slot, 1, 300) > 0;) {
-                    const ssize_t n = read(fd, got, sizeof got - done);
-                    done += n > 0 ? size_t(n) : sizeof got;
-                }
-                close(fd);
-            }); };
-        } else if (c.what == "stdout closed") {
-            asked.job.in_child = [] { close(1); };
-        } else if (c.status == 5) {
-            asked.job.during = [](pid_t pid) { usleep(300000), kill(pid, SIGINT); };
-        }
-        const qt::RunResult r = qt::collect(dir, asked).run;
-        if (reader.joinable())
-            reader.join();
-        // The sink's message, then the stage that failed (which one, timing decides).
-        EXPECT_EQ(r.err.substr(0, strlen(c.err)), c.err);
-        EXPECT_LT(r.seconds, silent ? 2 * 1.0 + 0.5 : 10.0);
-        EXPECT_EQ(qt::left_running(dir.path()), "");
-        EXPECT_TRUE(lock_free(dir));
-        EXPECT_FALSE(qt::file_exists(dir.file("out.zip")));
-    }
-    struct stat st;
-    EXPECT_TRUE(stat(dir.file("full").c_str(), &st) == 0 && S_ISCHR(st.st_mode));
-    EXPECT_TRUE(stat(dir.file("null").c_str(), &st) == 0 && S_ISCHR(st.st_mode));
 }
 
 // A command sees descriptors 0-2 only (not the lock, the archive nor what we inherited),

@@ -297,7 +297,8 @@ std::string left_running(const std::string &mark)
         if (entry->d_name[0] < '1' || entry->d_name[0] > '9')
             continue;
         if (read_file(std::string("/proc/") + entry->d_name + "/environ").find(wanted) != std::string::npos) {
-            found += std::string(entry->d_name) + " ";
+            const std::string stat = read_file(std::string("/proc/") + entry->d_name + "/stat");
+            found += stat.substr(0, stat.find(')') + 3) + " ";  // pid (name) state
             kill(atoi(entry->d_name), SIGKILL);
         }
     }
