@@ -205,17 +205,9 @@ TEST(Trust, RefusalsAndLinksLeaveEveryFileAlone)
     ASSERT_TRUE(qt::make_certificate(dir) && qt::write_file(dir.file("junk.pem"), "junk\n"));
     ASSERT_EQ(qt::run_program("/usr/bin/openssl", {"req", "-x509", "-newkey", "ed25519", "-nodes", "-subj", "/CN=x",
                                                    "-keyout", dir.file("ed.key"), "-out", dir.file("ed.pem")}).status, 0);
-    const qt::RunResult old = qt::run_program("/usr/bin/python3", {"-c", R"(import datetime, sys
-from cryptography import x509
-from cryptography.hazmat.primitives import hashes, serialization
-from cryptography.hazmat.primitives.asymmetric import rsa
-key = rsa.generate_private_key(public_exponent=65537, key_size=2048)
-name = x509.Name([x509.NameAttribute(x509.oid.NameOID.COMMON_NAME, 'old')])
-when = datetime.datetime(2020, 1, 1)
-cert = x509.CertificateBuilder().subject_name(name).issuer_name(name).public_key(key.public_key()).serial_number(1)
-cert = cert.not_valid_before(when).not_valid_after(when + datetime.timedelta(days=1)).sign(key, hashes.SHA256())
-open(sys.argv[1], 'wb').write(cert.public_bytes(serialization.Encoding.PEM)))", dir.file("old.pem")});
-    ASSERT_EQ(old.status, 0) << old.err;
+    // A certificate of 2020, valid for a day.
+    ASSERT_EQ(qt::run_program("/bin/sh", {"-c", "cd " + dir.path() + " && TZ=UTC faketime '2020-01-01 00:00:00' openssl req -x509 "
+                                          "-newkey rsa:2048 -nodes -subj /CN=old -days 1 -keyout old.key -out old.pem"}).status, 0);
     ASSERT_EQ(mkdir(dir.file("adir").c_str(), 0755), 0);
     const struct { std::vector<std::string> args; std::string out; int status; std::string err; int signo; } CASES[] = {
         {{"--recipient=junk.pem"}, "out.zip", 1, "Unable to read a PEM certificate from junk.pem\n", 0},

@@ -290,20 +290,26 @@ RunResult run_quelvane(const TempDir &dir, const std::vector<std::string> &args,
 
 std::string left_running(const std::string &mark)
 {
-    std::string found;
     const std::string wanted = RUN_MARK + mark + '\0';
-    DIR *proc = opendir("/proc");
-    while (const dirent *entry = proc != nullptr ? readdir(proc) : nullptr) {
-        if (entry->d_name[0] < '1' || entry->d_name[0] > '9')
-            continue;
-        if (read_file(std::string("/proc/") + entry->d_name + "/environ").find(wanted) != std::string::npos) {
-            const std::string stat = read_file(std::string("/proc/") + entry->d_name + "/stat");
+    std::string found = "?";
+    // A process that is ending may take a moment on a busy machine; one that stays is left.
+    for (int pass = 0; pass <= 20 && !found.empty(); ++pass) {
+        if (pass > 0)
+            usleep(50000);
+        found.clear();
+        DIR *proc = opendir("/proc");
+        while (const dirent *entry = proc != nullptr ? readdir(proc) : nullptr) {
+            const std::string at = std::string("/proc/") + entry->d_name;
+            if (entry->d_name[0] < '1' || entry->d_name[0] > '9' || read_file(at + "/environ").find(wanted) == std::string::npos)
+                continue;
+            const std::string stat = read_file(at + "/stat");
             found += stat.substr(0, stat.find(')') + 3) + " ";  // pid (name) state
-            kill(atoi(entry->d_name), SIGKILL);
+            if (pass == 20)
+                kill(atoi(entry->d_name), SIGKILL);
         }
+        if (proc != nullptr)
+            closedir(proc);
     }
-    if (proc != nullptr)
-        closedir(proc);
     return found;
 }
 

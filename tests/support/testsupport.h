@@ -75,7 +75,7 @@ RunResult run_program(const std::string &program, const std::vector<std::string>
 RunResult run_quelvane(const TempDir &dir, const std::vector<std::string> &args, RunSpec job = RunSpec());
 // What call wrote to standard error while it ran.
 std::string capture_stderr(const std::function<void()> &call);
-// The processes of a run marked with RUN_MARK + mark still alive (killed).
+// The processes of a run marked with RUN_MARK + mark still alive a second later (killed).
 extern const std::string RUN_MARK;
 std::string left_running(const std::string &mark);
 // The peak resident size so far of a running process that has executed
