@@ -342,12 +342,18 @@ std::string Archive::data(const std::string &name) const
 namespace {
 
 // Lists every member (its fields as a line, then its name and its data inflated from
-// the raw bytes), checks each local header and data descriptor against the central
+// the raw bytes, unless past 256 MiB), checks each local header and data descriptor against the central
 // record, and adds, as lines "! ...", what any reader finds wrong: zipfile, unzip -t,
 // unzip's listing of names, and bsdtar, which flag exactly the members named after the path.
 const char *const READER = R"(import os, struct, subprocess, sys, zipfile, zlib
 path, flagged = sys.argv[1], {os.fsencode(name) for name in sys.argv[2:]}
+os.environ['LC_ALL'] = 'C.UTF-8'  # the readers as an operator's shell runs them
 out, problems, refused, names = sys.stdout.buffer, [], set(), []
+# unzip -t, and bsdtar reading the stream front to back from a pipe, as a browser download
+# would arrive (an archive past 1 GiB, a sparse one, from its file), beside our own look.
+unzip = subprocess.Popen(['unzip', '-t', '-q', path], stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+tar = subprocess.Popen(['bsdtar', '-xOf', path] if os.path.getsize(path) > 1 << 30 else ['sh', '-c', 'cat "$0" | bsdtar -xOf -', path],
+                       stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
 with zipfile.ZipFile(path) as z, open(path, 'rb') as f:
     for i in z.infolist():
         name = i.orig_filename.encode('utf-8' if i.flag_bits & 0x800 else 'cp437', 'surrogateescape')
@@ -357,32 +363,36 @@ with zipfile.ZipFile(path) as z, open(path, 'rb') as f:
         h = struct.unpack('<IHHHHHIIIHH', f.read(30))
         if h != (0x04034b50, 20, i.flag_bits, 8, dos & 0xffff, dos >> 16, 0, 0, 0, len(name) & 0xffff, 0) or f.read(h[9]) != name[:h[9]]:
             problems.append('local header of %s disagrees with its central record' % i.filename)
-        raw = f.read(i.compress_size)
+        inflate, data, size, left = zlib.decompressobj(-15), [], 0, i.compress_size
+        while left or inflate.unconsumed_tail:  # 16 MiB at a time, so that gigabytes pass
+            raw = inflate.unconsumed_tail or f.read(min(1 << 24, left))
+            left = left - len(raw) if raw and not inflate.unconsumed_tail else left if raw else 0
+            piece = inflate.decompress(raw, 1 << 24)
+            size += len(piece)
+            data += [piece] if size <= 1 << 28 else []
         version = 45 if i.header_offset >= 0xffffffff else 20
         if struct.unpack('<IIII', f.read(16)) != (0x08074b50, i.CRC, i.compress_size, i.file_size) or (i.create_version, i.extract_version) != (version, version):
             problems.append('descriptor or versions of %s disagree with its central record' % i.filename)
-        data = zlib.decompressobj(-15).decompress(raw)
+        data = b''.join(data) if size <= 1 << 28 else b''  # the data of members past 256 MiB left out
         try:
-            z.read(i)
+            with z.open(i) as member:
+                while member.read(1 << 24):
+                    pass
         except Exception:
             refused.add(name)
         names.append((name, i.flag_bits))
-        out.write(b'%d %d %d %d %d %d %d %d\n' % (i.flag_bits, dos, i.CRC, i.compress_size, i.file_size, i.header_offset, len(name), len(data)) + name + data)
+        out.write(b'%d %d %d %d %d %d %d %d %d\n' % (i.flag_bits, dos, i.CRC, i.compress_size, i.file_size, i.header_offset, size, len(name), len(data)) + name + data)
     f.seek(-22, 2)
     if f.read(4) != b'PK\x05\x06':
         problems.append('bytes after the end record')
-unzip = subprocess.run(['unzip', '-t', '-q', path], capture_output=True)
+said = unzip.communicate()[0]
 if unzip.returncode != 0:
-    problems.append('unzip -t failed (%d): %r' % (unzip.returncode, unzip.stdout + unzip.stderr))
+    problems.append('unzip -t failed (%d): %r' % (unzip.returncode, said))
 # unzip shows each name that is ASCII or flagged UTF-8 as it is, control bytes aside.
 for (name, flags), listed in zip(names, subprocess.run(['unzip', '-Z1', path], capture_output=True).stdout.split(b'\n')):
     if (name.isascii() or flags & 0x800) and listed != name and all(c >= 32 for c in name):
         problems.append('unzip -Z1 lists %r for %r' % (listed, name))
-# bsdtar reads the stream front to back from a pipe, as a browser download would
-# arrive; an archive past 1 GiB (a sparse one) from its file.
-large = os.path.getsize(path) > 1 << 30
-tar = subprocess.run(['bsdtar', '-xOf', path if large else '-'], input=None if large else open(path, 'rb').read(),
-                     stdout=subprocess.DEVNULL, stderr=subprocess.PIPE).stderr.split(b'\n')
+tar = tar.communicate()[1].split(b'\n')
 wrong = {line.split(b': ZIP uncompressed data is wrong size')[0] for line in tar if b'data is wrong size' in line}
 problems += ['bsdtar -x: %r' % line for line in tar if line and b'data is wrong size' not in line and b'Error exit delayed' not in line]
 for reader, seen in (('python zipfile', refused), ('bsdtar', wrong)):
@@ -404,11 +414,9 @@ std::vector<Member> parse_listing(const std::string &listing, std::string *probl
             continue;
         }
         Member m;
-        unsigned long long offset = 0;
         size_t name_size = 0, size = 0;
-        sscanf(line.c_str(), "%u %u %u %u %u %llu %zu %zu", &m.flags, &m.dos_datetime, &m.crc, &m.compressed,
-               &m.declared, &offset, &name_size, &size);
-        m.offset = offset;
+        sscanf(line.c_str(), "%u %u %u %llu %llu %llu %llu %zu %zu", &m.flags, &m.dos_datetime, &m.crc, &m.compressed,
+               &m.declared, &m.offset, &m.size, &name_size, &size);
         m.name = listing.substr(at, name_size);
         m.data = listing.substr(at + name_size, size);
         at += name_size + size;
@@ -425,8 +433,7 @@ Archive read_archive(const std::string &path, const std::set<std::string> &flagg
     job.program = "/usr/bin/python3";
     job.args = {"-c", READER, path};
     job.args.insert(job.args.end(), flagged.begin(), flagged.end());
-    job.env = {"LC_ALL=C.UTF-8"};  // the readers as an operator's shell runs them
-    job.timeout_seconds = 120;
+    job.timeout_seconds = 600;  // gigabytes on a machine that may be busy
     const RunResult reader = run(job);
     Archive archive;
     archive.members = parse_listing(reader.out, &archive.problems);

@@ -1,5 +1,5 @@
-// The configuration's lines, files and names; the signal actions; gentle mode's
-// pressure test; the scrubber against a plain whole-text rule, and its file.
+// The configuration's lines and names; gentle mode's pressure test; the scrubber
+// against a plain whole-text rule, and its file.
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
@@ -11,21 +11,9 @@
 #include <tuple>
 
 #include "context.h"
-#include "signals.h"
 #include "testsupport.h"
 
 namespace {
-
-TEST(Config, DatasetLettersFoldIntoBits)
-{
-    const struct { const char *letters; uint32_t bits; bool parsed; uint32_t after; } cases[] = {
-        {"A", 0, true, ~0u}, {"a", 0, true, 1}, {"Bb", 0, true, 2}, {"Zz", 4, true, 4 | 1u << 25},
-        {"i1", 0, false, 1u << 8}, {"", 5, true, 5}, {"@", 0, false, 0}, {"{", 0, false, 0}};
-    for (auto c : cases) {
-        EXPECT_EQ(parse_datasets(c.letters, &c.bits), c.parsed) << c.letters;
-        EXPECT_EQ(c.bits, c.after) << c.letters;
-    }
-}
 
 // kind datasets time-out y/n-flags [member name] path {argv}, then " %d" when it uses the domain.
 std::string describe(const ConfigEntry &e)
@@ -80,40 +68,6 @@ TEST(Config, CommandLinesAndMemberNames)
     }
     // Blanks stay in a collected file's name.
     EXPECT_EQ(member_name("etc", "/etc/my\thosts", ".err", false), "etc/@etc@my\thosts.err");
-}
-
-// Runs in a forked child so the test process keeps its actions; the status names the failed check.
-[[noreturn]] void signal_checks()
-{
-    int fds[2];
-    if (!signals_install() || pipe(fds) != 0)
-        _exit(1);
-    if (fork() == 0)
-        _exit(usleep(100000));  // its exit raises SIGCHLD during the first read
-    const pid_t feeder = fork();  // its late second byte ends a read the alarm did not break
-    if (feeder == 0)
-        _exit(usleep(300000) + write(fds[1], "x", 1) + sleep(2) + write(fds[1], "y", 1));
-    char c = 0;
-    if (read(fds[0], &c, 1) != 1 || c != 'x' || child_exited != 1)
-        _exit(2);
-    ualarm(100000, 0);
-    if (read(fds[0], &c, 1) != -1 || errno != EINTR || command_timed_out != 1)
-        _exit(3);
-    kill(feeder, SIGKILL);
-    for (int first : {SIGTERM, SIGINT, SIGHUP, SIGQUIT}) {
-        interrupted_by_user = 0;
-        if (!signals_install() || raise(first) != 0 || interrupted_by_user != 1)
-            _exit(4);
-        for (int again : {SIGINT, SIGHUP, SIGQUIT, SIGTERM})  // now ignored: never counted, never fatal
-            if (signal(again, SIG_IGN) != SIG_IGN)
-                _exit(5);
-    }
-    _exit(0);
-}
-
-TEST(Signals, ChildExitRestartsAReadAlarmBreaksItFirstInterruptCounts)
-{
-    EXPECT_EXIT(signal_checks(), ::testing::ExitedWithCode(0), "");
 }
 
 // --gentle waits while a pressure file's "some avg10" reaches the threshold, and never for
