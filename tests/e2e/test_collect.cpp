@@ -74,33 +74,54 @@ TEST(Collect, MixedConfigurationInEveryOutputMode)
         " - Status: No file status\nError for file: " + adir + ": Not a file\nCollecting file: " + gone +
         " - Status: No file status\nError for file: " + gone + ": No such file\nCollecting file: /proc/self/mem"
         " - Status: FAIL\n - Status: FAIL reading file, errno=5\nCompleting ZIP archive\n";
-    // Every engine and level makes the same members in every mode.
-    for (const std::string engine : {"", "--fast", "--level=0", "--level=1", "--level=2", "--level=3", "--level=4",
-                                     "--level=5", "--level=6", "--level=7", "--level=8", "--level=9"})
-    for (const std::string out : {"f.zip", "-"}) {
-        for (const bool encrypted : {false, true}) {
-            SCOPED_TRACE(engine + " " + out + (encrypted ? " encrypted" : ""));
+    // Every engine and level, plain, and every encryption, each read by the stock openssl
+    // command, make the same members in every mode; the checksum of what was delivered
+    // (download header excluded) is what sha256sum -c reads and the progress channel's
+    // last line says. A download's goes to standard error, a remote run's second stream.
+    ASSERT_TRUE(qt::make_certificate(dir));
+    struct Variant { std::string engine; std::vector<std::string> encryption = {}, decrypt = {}; };
+    std::vector<Variant> variants = {{""}, {"--fast"}};
+    for (int level = 0; level <= 9; ++level)
+        variants.push_back({"--level=" + std::to_string(level)});
+    const std::vector<std::string> enc = {"enc", "-d", "-aes-128-cbc", "-pass", "pass:pass word"};
+    const struct { std::vector<std::string> options, how; } PASSWORDS[] = {
+        {{}, {"-md", "md5"}}, {{"--pbkdf2"}, {"-pbkdf2", "-iter", "100000"}}, {{"--pbkdf2=2000"}, {"-pbkdf2", "-iter", "2000"}}};
+    for (const auto &p : PASSWORDS) {
+        variants.push_back({"", {"-e", "-P", "pass word"}, enc});
+        variants.back().encryption.insert(variants.back().encryption.end(), p.options.begin(), p.options.end());
+        variants.back().decrypt.insert(variants.back().decrypt.end(), p.how.begin(), p.how.end());
+    }
+    variants.push_back({"", {"--recipient=" + dir.file("support.pem")}, {"cms", "-decrypt", "-binary", "-inform", "DER", "-recip",
+                                                                       dir.file("support.pem"), "-inkey", dir.file("support.key")}});
+    asked.progress = true;
+    for (const Variant &v : variants)
+        for (const std::string out : {"t.zip", "-"}) {
+            SCOPED_TRACE(v.engine + testing::PrintToString(v.encryption) + " " + out);
             asked.out = out;
-            asked.password = encrypted ? "pass word" : "";
-            asked.args = {"-v", "-L", "i"};
-            if (!engine.empty())
-                asked.args.push_back(engine);
-            if (encrypted)
-                asked.args.insert(asked.args.end(), {"-e", "-P", "pass word"});
+            asked.decrypt = v.decrypt;
+            asked.args = {"-v", "-L", "i", "--checksum=" + std::string(out == "-" ? "/dev/stderr" : "t.sha256")};
+            if (out == "-")
+                asked.args.push_back("-b");
+            if (!v.engine.empty())
+                asked.args.push_back(v.engine);
+            asked.args.insert(asked.args.end(), v.encryption.begin(), v.encryption.end());
             const qt::Collection c = qt::collect(dir, asked);
-            const std::string console = out == "-" ? "" : std::string(encrypted ? "Output data will be encrypted.\n" : "") +
+            const std::string console = out == "-" ? "" : std::string(v.encryption.size() > 1 ? "Output data will be encrypted.\n" : "") +
                                                               "Collecting data into " + out + "\n";
+            const std::string sum = qt::sha256(c.sent) + "  t.zip\n";
             // Where --fast makes do with zlib, -v says why.
             std::string why;
-            const std::string fallback = engine == "--fast" && fast_compression(&why).engine != Engine::isal
+            const std::string fallback = v.engine == "--fast" && fast_compression(&why).engine != Engine::isal
                                              ? "--fast: deflating with zlib level 1: " + why + "\n" : "";
             EXPECT_EQ(out == "-" ? c.run.err : c.run.out + c.run.err,
-                      out == "-" ? fallback + progress + "Finished with 2 collection errors\n"
+                      out == "-" ? fallback + progress + sum + "Finished with 2 collection errors\n"
                                  : console + progress + "Data collection complete\nFinished with 2 collection errors\n" + fallback);
             qt::expect_members(c, members);
             EXPECT_TRUE(c.zip.members.size() > 3 && c.zip.members[3].dos_datetime == dos_when);
+            EXPECT_EQ(c.progress.back(), out == "-" ? "SHA256 " + qt::sha256(c.sent) : "OK " + std::to_string(c.sent.size()));
+            EXPECT_TRUE(out == "-" || (qt::read_file(dir.file("t.sha256")) == sum &&
+                                       qt::run_program("/bin/sh", {"-c", "cd " + dir.path() + " && sha256sum -c t.sha256"}).status == 0));
         }
-    }
 }
 
 // Entries are collected only when their letters meet -L's, never without -L; with the

@@ -75,55 +75,6 @@ TEST(Trust, ProgressLinesAndManifestTellAMixedRun)
     EXPECT_GE(described["t/slow/@bin@sleep_10.out"]["duration_ms"], 900);  // from its header, just after the timer
 }
 
-// Every encryption in both modes: the console says no more than for a plain run, openssl
-// opens it, and the checksum (of the bytes delivered, download header excluded) is what
-// sha256sum -c reads and, in download mode, the progress channel's last line.
-TEST(Trust, EncryptionsAndChecksumsReadByTheStockTools)
-{
-    qt::TempDir dir;
-    ASSERT_TRUE(qt::make_certificate(dir));
-    auto enc = [](std::vector<std::string> how) {
-        how.insert(how.begin(), {"enc", "-d", "-aes-128-cbc", "-pass", "pass:secret"});
-        return how;
-    };
-    const struct { std::vector<std::string> options, decrypt; } CASES[] = {
-        {{}, {}},
-        {{"-e", "-P", "secret"}, enc({"-md", "md5"})},
-        {{"-e", "-P", "secret", "--pbkdf2"}, enc({"-pbkdf2", "-iter", "100000"})},
-        {{"-e", "-P", "secret", "--pbkdf2=2000"}, enc({"-pbkdf2", "-iter", "2000"})},
-        {{"--recipient=support.pem"}, {"cms", "-decrypt", "-binary", "-inform", "DER", "-recip", dir.file("support.pem"),
-                                       "-inkey", dir.file("support.key")}},
-    };
-    for (const auto &c : CASES) {
-        for (const std::string out : {"t.zip", "-"}) {
-            SCOPED_TRACE((c.options.empty() ? "plain" : c.options.back()) + " " + out);
-            // A download's checksum goes to standard error, a remote run's second stream.
-            const std::string sums = out == "-" ? "/dev/stderr" : "t.sha256";
-            qt::Collect asked{"cmd i,-,y,n a /bin/echo hello\n", {"-L", "i", "-b", "--checksum=" + sums}, out};
-            asked.args.insert(asked.args.end(), c.options.begin(), c.options.end());
-            asked.progress = true;
-            const qt::Collection got = qt::collect(dir, asked);
-            EXPECT_EQ(got.run.err, out == "-" ? qt::sha256(got.sent) + "  t.zip\n" : "");
-            ASSERT_TRUE(out != "-" || qt::write_file(dir.file("t.sha256"), got.run.err));
-            EXPECT_EQ(got.run.out.substr(0, out == "-" ? 0 : std::string::npos),
-                      out == "-" ? "" : std::string(c.options.size() > 1 ? "Output data will be encrypted.\n" : "") +
-                                            "Collecting data into t.zip\nData collection complete\n");
-            ASSERT_TRUE(qt::write_file(dir.file("t.zip"), got.sent));
-            const qt::RunResult check = qt::run_program("/bin/sh", {"-c", "cd " + dir.path() + " && sha256sum -c t.sha256"});
-            EXPECT_EQ(check.status, 0) << check.out << check.err;
-            EXPECT_EQ(qt::read_file(dir.file("t.sha256")), qt::sha256(got.sent) + "  t.zip\n");
-            EXPECT_EQ(got.progress.back(), out == "-" ? "SHA256 " + qt::sha256(got.sent) : "OK " + std::to_string(got.sent.size()));
-            std::vector<std::string> decrypt = c.decrypt;
-            decrypt.insert(decrypt.end(), {"-in", dir.file("t.zip"), "-out", dir.file("opened.zip")});
-            const qt::RunResult opened = qt::run_program("/usr/bin/openssl", decrypt);
-            ASSERT_TRUE(c.options.empty() || opened.status == 0) << opened.err;
-            const qt::Archive zip = qt::read_archive(dir.file(c.options.empty() ? "t.zip" : "opened.zip"));
-            EXPECT_EQ(zip.problems, "");
-            EXPECT_EQ(zip.members.size(), 3u);
-        }
-    }
-}
-
 // Secrets are scrubbed where text is born: in data, in standard error before its cap
 // (a secret the cap cuts leaves no first bytes), in command lines before they become
 // member names, progress names and manifest values (a '/', '\' or '"' in a secret

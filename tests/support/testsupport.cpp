@@ -474,14 +474,21 @@ Collection collect(const TempDir &dir, const Collect &c)
         result.sent.erase(0, result.header.size());
     }
     result.path = dir.file("plain.zip");
+    std::vector<std::string> decrypt = c.decrypt;
+    if (!c.password.empty())
+        decrypt = {"enc", "-d", "-aes-128-cbc", "-md", "md5", "-pass", "pass:" + c.password};
     // Nothing to read, or something only the test can open.
-    if (result.sent.empty() || (c.password.empty() && result.sent.rfind("PK", 0) != 0))
+    if (result.sent.empty() || (decrypt.empty() && result.sent.rfind("PK", 0) != 0))
         return result;
     write_file(dir.file("sent"), result.sent);
-    if (!c.password.empty())
-        result.zip.problems = openssl_decrypt(dir.file("sent"), c.password, result.path);
-    else
+    if (decrypt.empty()) {
         rename(dir.file("sent").c_str(), result.path.c_str());
+    } else {
+        decrypt.insert(decrypt.end(), {"-in", dir.file("sent"), "-out", result.path});
+        const RunResult opened = run_program("/usr/bin/openssl", decrypt);
+        if (opened.status != 0)
+            result.zip.problems = "openssl " + decrypt[0] + " could not decrypt it: " + opened.err;
+    }
     if (result.zip.problems.empty())
         result.zip = read_archive(result.path, c.flagged);
     if (c.status >= 0) {

@@ -107,7 +107,7 @@ std::string openssl_decrypt(const std::string &in, const std::string &password, 
 
 // One collection: config written to dir/q.conf, then
 // quelvane -f q.conf -a ARCHIVE -o OUT ARGS; the archive (behind any download
-// header, decrypted with the password) read with read_archive.
+// header, decrypted) read with read_archive.
 struct Collect {
     Collect(std::string config_ = "", std::vector<std::string> args_ = {}, std::string out_ = "out.zip",
             std::string password_ = "")
@@ -118,6 +118,7 @@ struct Collect {
     std::vector<std::string> args;
     std::string out;  // as given to -o, in dir; "-": standard output
     std::string password;
+    std::vector<std::string> decrypt;  // or openssl's arguments to decrypt it, before -in and -out
     std::string archive = "t.zip";  // -a
     std::set<std::string> flagged;
     bool progress = false;  // --progress-fd=3 into dir/progress
