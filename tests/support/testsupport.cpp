@@ -335,7 +335,7 @@ std::string Archive::data(const std::string &name) const
 namespace {
 
 // Lists every member (its fields as a line, then its name and its data inflated from
-// the raw bytes, unless past 256 MiB), checks each local header and data descriptor against the central
+// the raw bytes, unless past 1 GiB), checks each local header and data descriptor against the central
 // record, and adds, as lines "! ...", what any reader finds wrong: zipfile, unzip -t,
 // unzip's listing of names, and bsdtar, which flag exactly the members named after the path.
 const char *const READER = R"(import os, struct, subprocess, sys, zipfile, zlib
@@ -362,11 +362,11 @@ with zipfile.ZipFile(path) as z, open(path, 'rb') as f:
             left = left - len(raw) if raw and not inflate.unconsumed_tail else left if raw else 0
             piece = inflate.decompress(raw, 1 << 24)
             size += len(piece)
-            data += [piece] if size <= 1 << 28 else []
+            data += [piece] if size <= 1 << 30 else []
         version = 45 if i.header_offset >= 0xffffffff else 20
         if struct.unpack('<IIII', f.read(16)) != (0x08074b50, i.CRC, i.compress_size, i.file_size) or (i.create_version, i.extract_version) != (version, version):
             problems.append('descriptor or versions of %s disagree with its central record' % i.filename)
-        data = b''.join(data) if size <= 1 << 28 else b''  # the data of members past 256 MiB left out
+        data = b''.join(data) if size <= 1 << 30 else b''  # the data of members past 1 GiB left out
         try:
             with z.open(i) as member:
                 while member.read(1 << 24):

@@ -88,7 +88,7 @@ long resident_peak_kb(pid_t pid, const std::string &program);
 // empty when all agree and exactly the flagged members (a collected file
 // read short or long, its ".err") declare a size other than their data.
 struct Member {
-    std::string name, data;  // no data past 256 MiB
+    std::string name, data;  // no data past 1 GiB
     uint32_t flags = 0, dos_datetime = 0, crc = 0;
     unsigned long long compressed = 0, declared = 0, offset = 0, size = 0;  // size: the data's, inflated
 };
