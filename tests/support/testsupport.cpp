@@ -284,26 +284,26 @@ RunResult run_quelvane(const TempDir &dir, const std::vector<std::string> &args,
 std::string left_running(const std::string &mark)
 {
     const std::string wanted = RUN_MARK + mark + '\0';
-    std::string found = "?";
-    // A process that is ending may take a moment on a busy machine; one that stays is left.
-    for (int pass = 0; pass <= 20 && !found.empty(); ++pass) {
-        if (pass > 0)
-            usleep(50000);
-        found.clear();
+    auto scan = [&](bool kill_them) {  // pid (name) state of each
+        std::string found;
         DIR *proc = opendir("/proc");
         while (const dirent *entry = proc != nullptr ? readdir(proc) : nullptr) {
             const std::string at = std::string("/proc/") + entry->d_name;
             if (entry->d_name[0] < '1' || entry->d_name[0] > '9' || read_file(at + "/environ").find(wanted) == std::string::npos)
                 continue;
             const std::string stat = read_file(at + "/stat");
-            found += stat.substr(0, stat.find(')') + 3) + " ";  // pid (name) state
-            if (pass == 20)
+            found += stat.substr(0, stat.find(')') + 3) + " ";
+            if (kill_them)
                 kill(atoi(entry->d_name), SIGKILL);
         }
         if (proc != nullptr)
             closedir(proc);
-    }
-    return found;
+        return found;
+    };
+    // A process that is ending may take a moment on a busy machine; one that stays is left.
+    for (int pass = 0; pass < 20 && !scan(false).empty(); ++pass)
+        usleep(50000);
+    return scan(true);
 }
 
 // ---------------------------------------------------------------------------
@@ -358,8 +358,10 @@ with zipfile.ZipFile(path) as z, open(path, 'rb') as f:
             problems.append('local header of %s disagrees with its central record' % i.filename)
         inflate, data, size, left = zlib.decompressobj(-15), [], 0, i.compress_size
         while left or inflate.unconsumed_tail:  # 16 MiB at a time, so that gigabytes pass
-            raw = inflate.unconsumed_tail or f.read(min(1 << 24, left))
-            left = left - len(raw) if raw and not inflate.unconsumed_tail else left if raw else 0
+            raw = inflate.unconsumed_tail
+            if not raw:
+                raw = f.read(min(1 << 24, left))
+                left = left - len(raw) if raw else 0  # a file cut short ends it
             piece = inflate.decompress(raw, 1 << 24)
             size += len(piece)
             data += [piece] if size <= 1 << 30 else []
