@@ -163,8 +163,8 @@ TEST(Trust, RefusalsAndLinksLeaveEveryFileAlone)
     ASSERT_TRUE(qt::make_certificate(dir) && qt::write_file(dir.file("junk.pem"), "junk\n"));
     ASSERT_EQ(qt::run_program("/usr/bin/openssl", {"req", "-x509", "-newkey", "ed25519", "-nodes", "-subj", "/CN=x",
                                                    "-keyout", dir.file("ed.key"), "-out", dir.file("ed.pem")}).status, 0);
-    // A certificate of 2020, valid for a day.
-    ASSERT_EQ(qt::run_program("/bin/sh", {"-c", "cd " + dir.path() + " && TZ=UTC faketime '2020-01-01 00:00:00' openssl req -x509 "
+    // A certificate of 2020, valid for a day (made on a clock frozen then).
+    ASSERT_EQ(qt::run_program("/bin/sh", {"-c", "cd " + dir.path() + " && TZ=UTC faketime -f '2020-01-01 00:00:00' openssl req -x509 "
                                           "-newkey rsa:2048 -nodes -subj /CN=old -days 1 -keyout old.key -out old.pem"}).status, 0);
     ASSERT_EQ(mkdir(dir.file("adir").c_str(), 0755), 0);
     const struct { std::vector<std::string> args; std::string out; int status; std::string err; int signo; } CASES[] = {
