@@ -205,10 +205,10 @@ TEST(Run, OutputModesEarlyStopsAndSignals)
         if (c.signo != 0) {
             ASSERT_EQ(system(("mkdir -p " + lock + " && touch " + lock + "/stale " + lock + "/.hidden").c_str()), 0);
             asked.job.during = [&](pid_t pid) {
-                // Into the command: the tool (no longer a copy of us setting up its reader) has a child.
-                const std::string at = "/proc/" + std::to_string(pid), us = qt::read_file("/proc/self/cmdline");
-                for (int i = 0; i < 500 && (qt::read_file(at + "/task/" + std::to_string(pid) + "/children").empty() ||
-                                            qt::read_file(at + "/cmdline") == us); i++)
+                // Into the command: the tool holds its lock and has a child (before exec, the copy
+                // of us that sets up a reader briefly has one of its own).
+                const std::string children = "/proc/" + std::to_string(pid) + "/task/" + std::to_string(pid) + "/children";
+                for (int i = 0; i < 500 && (!qt::file_exists(lock + "/.lock") || qt::read_file(children).empty()); i++)
                     usleep(10000);
                 stale_seen = qt::file_exists(lock + "/stale");
                 qt::RunSpec as_tool;
