@@ -122,8 +122,8 @@ TEST(CommandLine, HelpAndVersion)
     EXPECT_EQ(std::to_string(version.status) + version.out + version.err, "0quelvane " QUELVANE_VERSION "\n" + engines_description());
 }
 
-// Its commands run only with -L i or -L b; the second writes until it is stopped.
-const char CONFIG[] = "# kept byte for byte\ncmd i,30,y,n slow /bin/sleep 5\ncmd b,30,y,n endless /usr/bin/yes\n";
+// Its commands run only with -L i or -L b; the second writes, what deflate cannot shrink, until it is stopped.
+const char CONFIG[] = "# kept byte for byte\ncmd i,30,y,n slow /bin/sleep 5\ncmd b,30,y,n endless /bin/cat /dev/urandom\n";
 const std::string FILE_LINES = "Collecting data into out.zip\nData collection complete\n";
 const std::string HEADER = "Cache-Control: public\nPragma: public\nContent-Disposition: attachment; "
                            "filename=t.zip\nContent-Type: application/octet-stream; name=t.zip\n\n";
