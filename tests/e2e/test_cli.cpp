@@ -12,7 +12,6 @@
 #include <termios.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -304,40 +303,6 @@ TEST(Run, PasswordTypedAtATerminal)
         }
         close(held);
         close(master);
-    }
-}
-
-// Names as readers and browsers take them: the download header quotes what is not a
-// token and adds the UTF-8 form; a member with a UTF-8 name says so (bit 11), every
-// reader lists it right; --dry-run names the members a run makes.
-TEST(Run, NamesInTheHeaderTheMembersAndTheDryRun)
-{
-    qt::TempDir dir;
-    ASSERT_EQ(mkdir(dir.file("logs").c_str(), 0755), 0);
-    ASSERT_TRUE(qt::write_file(dir.file("logs/\xc3\xa9t\xc3\xa9.log"), "summer\n") && qt::write_file(dir.file("logs/a.log"), "a\n"));
-    const std::string config = "cmd i,7,y,n sys/up /bin/echo up\nlog i,-,y,n logs " + dir.file("logs/*") + "\n";
-    const struct { std::string archive, disposition; } NAMES[] = {
-        {"plain-1.zip", "filename=plain-1.zip"},
-        {"a b;\"c\\.zip", "filename=\"a b;\\\"c\\\\.zip\""},
-        {"donn\xc3\xa9" "es.zip", "filename=\"donn\xc3\xa9" "es.zip\"; filename*=UTF-8''donn%C3%A9es.zip"},
-    };
-    for (const auto &n : NAMES) {
-        SCOPED_TRACE(n.archive);
-        qt::Collect asked{config, {"-L", "i", "-b"}, "-"};
-        asked.archive = n.archive;
-        const qt::Collection got = qt::collect(dir, asked);
-        EXPECT_NE(got.header.find("\nContent-Disposition: attachment; " + n.disposition + "\n"), std::string::npos) << got.header;
-        ASSERT_EQ(got.zip.members.size(), 5u);
-        for (const qt::Member &m : got.zip.members)
-            EXPECT_EQ((m.flags & 0x800) != 0, std::any_of(m.name.begin(), m.name.end(), [](char c) { return c & 0x80; })) << m.name;
-        // What the dry run lists is what the run made, after README and CONFIG.
-        const qt::RunResult dry = qt::run_quelvane(dir, {"-f", "q.conf", "-a", n.archive, "-L", "i", "--dry-run"});
-        const std::vector<std::string> lines = qt::split_lines(dry.out);
-        EXPECT_EQ(dry.status, 0) << dry.err;
-        ASSERT_EQ(lines.size(), got.zip.members.size() - 2) << dry.out;
-        EXPECT_EQ(lines[0], "cmd 7 " + got.zip.members[2].name + " /bin/echo up");
-        for (size_t i = 1; i < lines.size(); ++i)
-            EXPECT_EQ(lines[i].substr(0, 6 + got.zip.members[i + 2].name.size()), "log - " + got.zip.members[i + 2].name);
     }
 }
 

@@ -52,7 +52,7 @@ TEST(Collect, MixedConfigurationInEveryOutputMode)
                    hosts + "\n\nlog i,-,y,n logs " + dir.file("logs/*.log") + "\nlog i,-,y,n none " +
                    dir.file("nothing/*.log") + "\ncmd i,-,y,n one " + one + "\ncmd i,-,y,n missing " + missing +
                    " --flag\nfile i,-,y,y dir " + adir + "\nlog i,-,y,n links " + dir.file("links/*.log") +
-                   "\nfile i,-,y,y mem /proc/self/mem\n";
+                   "\nfile i,-,y,y mem /proc/self/mem\nfile i,-,y,y os /proc/sys/kernel/ostype\n";
     const qt::Members members = {
         {"t/system/ifconfig/" + qt::flat(ifc) + "_eth0.out", "interface eth0\n"},
         {"t/etc/" + qt::flat(hosts), "127.0.0.1 localhost\n"},
@@ -63,8 +63,9 @@ TEST(Collect, MixedConfigurationInEveryOutputMode)
         {"t/dir/" + qt::flat(adir) + ".err", "Error for file: " + adir + ": Not a file\n"},
         {"t/links/" + qt::flat(gone) + ".err", "Error for file: " + gone + ": No such file\n"},
         {"t/mem/@proc@self@mem", ""},
-        {"t/mem/@proc@self@mem.err", "Unable to read file: /proc/self/mem: Input/output error\n"}};
-    asked.flagged = {members[7].first, members[8].first, members[10].first};
+        {"t/mem/@proc@self@mem.err", "Unable to read file: /proc/self/mem: Input/output error\n"},
+        {"t/os/@proc@sys@kernel@ostype", "Linux\n"}};  // declares its stat size, 0
+    asked.flagged = {members[7].first, members[8].first, members[10].first, members[11].first};
     // The missing program and the unreadable file count; exit 1, the directory and the vanished match do not.
     const std::string progress =
         "Sending README File\nSending CONFIG File\nStarting Command: " + ifc + " eth0\nCommand '" + ifc +
@@ -73,7 +74,8 @@ TEST(Collect, MixedConfigurationInEveryOutputMode)
         "' exited with 1: Operation not permitted\nStarting Command: " + missing + " --flag\nCollecting file: " + adir +
         " - Status: No file status\nError for file: " + adir + ": Not a file\nCollecting file: " + gone +
         " - Status: No file status\nError for file: " + gone + ": No such file\nCollecting file: /proc/self/mem"
-        " - Status: FAIL\n - Status: FAIL reading file, errno=5\nCompleting ZIP archive\n";
+        " - Status: FAIL\n - Status: FAIL reading file, errno=5\nCollecting file: /proc/sys/kernel/ostype"
+        " - Status: ok\nCompleting ZIP archive\n";
     // Every engine and level, plain, and every encryption, each read by the stock openssl
     // command, make the same members in every mode; the checksum of what was delivered
     // (download header excluded) is what sha256sum -c reads and the progress channel's
@@ -163,6 +165,19 @@ TEST(Collect, SelectionAndConfigurationLines)
         const qt::Collection c = qt::collect(dir, asked);
         EXPECT_EQ(c.run.err, (test.down ? "Injected SPSWDOWN: 1\n" : "") + reported[test.log_only]);
         qt::expect_members(c, test.members, qt::readme(test.letters.empty() ? "i" : test.letters, test.down, test.log_only));
+        // --dry-run names the members the run made, in its order (each line's third field).
+        std::vector<std::string> dry_args = {"-f", "q.conf", "-a", "t.zip", "--dry-run"}, named, listed;
+        dry_args.insert(dry_args.end(), asked.args.begin(), asked.args.end());
+        qt::RunSpec job;
+        job.env = asked.job.env;
+        const qt::RunResult dry = qt::run_quelvane(dir, dry_args, job);
+        std::istringstream lines(dry.out);
+        for (std::string kind, timeout, name, origin; lines >> kind >> timeout >> name && std::getline(lines, origin);)
+            listed.push_back(name);
+        for (const auto &member : test.members)
+            named.push_back(member.first);
+        EXPECT_EQ(dry.status, 0);
+        EXPECT_EQ(listed, named);
     }
     qt::TempDir dir;
     const struct { unsigned mode; uid_t owner; std::string said; } refusals[] = {

@@ -141,7 +141,7 @@ Collection collect(const TempDir &dir, const Collect &c);
 std::string readme(const std::string &letters = "i", bool down = false, bool log_only = false);
 using Members = std::vector<std::pair<std::string, std::string>>;  // name, data
 // README, CONFIG (the configuration as written), then exactly these members in order;
-// a flagged member (a collected file's ".err") declares 1 January 1980.
+// a flagged ".err" member (a collected file's) declares 1 January 1980.
 void expect_members(const Collection &c, const Members &rest, const std::string &readme_text = readme());
 
 }  // namespace qt
