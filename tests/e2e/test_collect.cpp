@@ -261,20 +261,26 @@ TEST(Commands, TimeOutsGroupsAndFloods)
 }
 
 // Download mode holds nothing back while a command runs: the header and every finished
-// member reach the reader before the slow command that follows them ends.
+// member reach the reader before the slow command that follows them ends; encrypted, every
+// whole cipher block of them.
 TEST(Commands, FinishedMembersReachTheReaderAtOnce)
 {
-    qt::TempDir dir;
-    std::string early;
-    qt::Collect asked{"cmd i,-,y,n one /bin/echo first\ncmd i,-,y,n two /bin/sleep 3\n", {"-b", "-L", "i"}, "-"};
-    asked.job.during = [&](pid_t pid) {
-        usleep(1500000);  // the sleep below has begun, and has 1.5 s to go
-        early = qt::read_file("/proc/" + std::to_string(pid) + "/fd/1");
-    };
-    const qt::Collection c = qt::collect(dir, asked);
-    ASSERT_EQ(c.zip.members.size(), 4u);
-    // Everything up to the second command's local header, and nothing of its data yet.
-    const qt::Member &second = c.zip.members[3];
-    EXPECT_EQ(early.size(), c.header.size() + second.offset + 30 + second.name.size());
-    EXPECT_EQ(early, c.run.out.substr(0, early.size()));
+    for (const std::string password : {"", "pw"}) {
+        qt::TempDir dir;
+        std::string early;
+        qt::Collect asked{"cmd i,-,y,n one /bin/echo first\ncmd i,-,y,n two /bin/sleep 3\n", {"-b", "-L", "i"}, "-", password};
+        if (!password.empty())
+            asked.args.insert(asked.args.end(), {"-e", "-P", password});
+        asked.job.during = [&](pid_t pid) {
+            usleep(1500000);  // the sleep below has begun, and has 1.5 s to go
+            early = qt::read_file("/proc/" + std::to_string(pid) + "/fd/1");
+        };
+        const qt::Collection c = qt::collect(dir, asked);
+        ASSERT_EQ(c.zip.members.size(), 4u);
+        // Everything up to the second command's local header, and nothing of its data yet.
+        const qt::Member &second = c.zip.members[3];
+        const size_t ready = second.offset + 30 + second.name.size();
+        EXPECT_EQ(early.size(), c.header.size() + (password.empty() ? ready : 16 + ready / 16 * 16));
+        EXPECT_EQ(early, c.run.out.substr(0, early.size()));
+    }
 }
