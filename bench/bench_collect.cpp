@@ -22,7 +22,7 @@
 
 #include "bench_common.h"
 #include "scrub.h"
-#include "testsupport.h"
+#include "bench_run.h"
 
 namespace {
 

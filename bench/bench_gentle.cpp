@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "bench_common.h"
-#include "testsupport.h"
+#include "bench_run.h"
 
 namespace {
 
