@@ -2,6 +2,8 @@
 # with their status, the password prompts, lock and signals.
 import os, resource, select, signal, termios, time
 
+import pytest
+
 from support import EMULATED, VERSION, collect, expect_members, left_running, read, read_archive, run_tool, sh, write
 
 
@@ -124,63 +126,61 @@ RUNS = [  # out, args, console, err, status, password, input, signal, file size 
 ]
 
 
-def test_output_modes_early_stops_and_signals(tmp):
-    for n, (out, args, console, err, status, password, typed, signo, limit, reader) in enumerate(RUNS):
-        where = f'{tmp}/{n}'
-        os.mkdir(where)
-        os.mknod(f'{where}/full', 0o20666, os.makedev(1, 7)), os.mknod(f'{where}/null', 0o20666, os.makedev(1, 3))
+@pytest.mark.parametrize('out, args, console, err, status, password, typed, signo, limit, reader', RUNS)
+def test_output_modes_early_stops_and_signals(tmp, out, args, console, err, status, password, typed, signo, limit, reader):
+    os.mknod(f'{tmp}/full', 0o20666, os.makedev(1, 7)), os.mknod(f'{tmp}/null', 0o20666, os.makedev(1, 3))
 
-        def setup():
-            resource.setrlimit(resource.RLIMIT_FSIZE, (limit, limit))
-            signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
-            if reader == 'closed':
-                os.close(1)
-            elif reader:  # the reader a grandchild of ours, never the tool's child
-                r, w = os.pipe()
+    def setup():
+        resource.setrlimit(resource.RLIMIT_FSIZE, (limit, limit))
+        signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
+        if reader == 'closed':
+            os.close(1)
+        elif reader:  # the reader a grandchild of ours, never the tool's child
+            r, w = os.pipe()
+            if os.fork() == 0:
                 if os.fork() == 0:
-                    if os.fork() == 0:
-                        os.dup2(r, 0), os.close(w), os.execv('/bin/sh', ['sh', '-c', reader])
-                    os._exit(0)
-                os.wait(), os.dup2(w, 1), os.close(r), os.close(w)
-        # Interrupted in a command: while it holds the lock, a run of its name is refused and one of
-        # another name runs; the second signal comes while it closes the archive and must not kill it.
-        # Files a crashed run left in the lock directory are gone by then; hidden ones stay.
-        lock, seen = f'{where}/home/quelvane_tmp/quelvane.quelvane', {}
-        if signo:
-            sh(f'mkdir -p {lock} && touch {lock}/stale {lock}/.hidden')
+                    os.dup2(r, 0), os.close(w), os.execv('/bin/sh', ['sh', '-c', reader])
+                os._exit(0)
+            os.wait(), os.dup2(w, 1), os.close(r), os.close(w)
+    # Interrupted in a command: while it holds the lock, a run of its name is refused and one of
+    # another name runs; the second signal comes while it closes the archive and must not kill it.
+    # Files a crashed run left in the lock directory are gone by then; hidden ones stay.
+    lock, seen = f'{tmp}/home/quelvane_tmp/quelvane.quelvane', {}
+    if signo:
+        sh(f'mkdir -p {lock} && touch {lock}/stale {lock}/.hidden')
 
-        def interrupt(pid):
-            # Into the command: the tool holds its lock and has a child (before exec, the copy
-            # of us that sets up a reader briefly has one of its own).
-            for _ in range(500):
-                if os.path.exists(f'{lock}/.lock') and read(f'/proc/{pid}/task/{pid}/children'):
-                    break
-                time.sleep(0.01)
-            seen['stale'] = os.path.exists(f'{lock}/stale')
-            for name, argv0, job in (('same', None, ['-f', 'q.conf', '-a', 'x', '-o', 'o']),
-                                     ('other', '/some/where/tool.bin', ['-f', 'q.conf', '-a', 'x', '-o', 'o']),
-                                     ('help', '/some/where/tool.bin', ['-h'])):
-                r = run_tool(where, job, argv0=argv0)
-                seen[name] = f'{r.status} {r.err}{r.out}'
-            os.kill(pid, signo)
-            time.sleep(0.3)  # within the command's grace period
-            os.kill(pid, signo)
-        c = collect(where, None if status == 6 else CONFIG, args, out, password, status=status, stdin=typed,
-                    fds=[(7, password)], in_child=setup, during=interrupt if signo else None)
-        assert (c.header if out == '-' else c.run.out) == console, args
-        assert c.run.err[:None if not reader and out != 'full' else len(err)] == err, args
-        assert c.run.seconds < (12 if EMULATED else 4), f'{args}: the slow command ran to its end'
-        assert left_running(where) == '', f"{args}: the command's group outlived the run"
-        assert signo or not os.path.exists(lock), f'{args}: the lock outlived the run'
-        assert [os.stat(f'{where}/{d}').st_mode >> 12 for d in ('full', 'null')] == [0o2, 0o2], 'a device replaced'
-        if status == 0 or (out == '-' and signo and not reader):  # an interrupted download still ends its archive, and says why
-            expect_members(c, [('t/slow/@bin@sleep_5.out', ''), ('t/slow/@bin@sleep_5.err', 'QUELVANE MSG: User Interrupt\n')] if signo else [])
-        assert os.path.exists(f'{where}/out.zip') == (status == 0 and out != '-'), args
-        assert sh(f'find {where} -name "*testwrite*"').stdout == b''
-        if signo:
-            assert seen == {'stale': False, 'same': '3 An instance of quelvane is already running.\nOnly run one quelvane at a time\n',
-                            'other': '0 Collecting data into o\nData collection complete\n', 'help': '0 ' + usage('tool')}
-            assert os.path.exists(f'{lock}/.hidden')
+    def interrupt(pid):
+        # Into the command: the tool holds its lock and has a child (before exec, the copy
+        # of us that sets up a reader briefly has one of its own).
+        for _ in range(500):
+            if os.path.exists(f'{lock}/.lock') and read(f'/proc/{pid}/task/{pid}/children'):
+                break
+            time.sleep(0.01)
+        seen['stale'] = os.path.exists(f'{lock}/stale')
+        for name, argv0, job in (('same', None, ['-f', 'q.conf', '-a', 'x', '-o', 'o']),
+                                 ('other', '/some/tmp/tool.bin', ['-f', 'q.conf', '-a', 'x', '-o', 'o']),
+                                 ('help', '/some/tmp/tool.bin', ['-h'])):
+            r = run_tool(tmp, job, argv0=argv0)
+            seen[name] = f'{r.status} {r.err}{r.out}'
+        os.kill(pid, signo)
+        time.sleep(0.3)  # within the command's grace period
+        os.kill(pid, signo)
+    c = collect(tmp, None if status == 6 else CONFIG, args, out, password, status=status, stdin=typed,
+                fds=[(7, password)], in_child=setup, during=interrupt if signo else None)
+    assert (c.header if out == '-' else c.run.out) == console, args
+    assert c.run.err[:None if not reader and out != 'full' else len(err)] == err, args
+    assert c.run.seconds < (12 if EMULATED else 4), f'{args}: the slow command ran to its end'
+    assert left_running(tmp) == '', f"{args}: the command's group outlived the run"
+    assert signo or not os.path.exists(lock), f'{args}: the lock outlived the run'
+    assert [os.stat(f'{tmp}/{d}').st_mode >> 12 for d in ('full', 'null')] == [0o2, 0o2], 'a device replaced'
+    if status == 0 or (out == '-' and signo and not reader):  # an interrupted download still ends its archive, and says why
+        expect_members(c, [('t/slow/@bin@sleep_5.out', ''), ('t/slow/@bin@sleep_5.err', 'QUELVANE MSG: User Interrupt\n')] if signo else [])
+    assert os.path.exists(f'{tmp}/out.zip') == (status == 0 and out != '-'), args
+    assert sh(f'find {tmp} -name "*testwrite*"').stdout == b''
+    if signo:
+        assert seen == {'stale': False, 'same': '3 An instance of quelvane is already running.\nOnly run one quelvane at a time\n',
+                        'other': '0 Collecting data into o\nData collection complete\n', 'help': '0 ' + usage('tool')}
+        assert os.path.exists(f'{lock}/.hidden')
 
 
 ENTER, CONFIRM = 'Enter encryption password: ', 'Confirm encryption password: '
