@@ -254,7 +254,7 @@ def collect(directory, config='', args=(), out='out.zip', password='', decrypt=(
     # One collection: config (None: no file) written to directory/q.conf, then quelvane -f
     # q.conf -a ARCHIVE -o OUT ARGS (OUT "-": standard output); the archive, behind any
     # download header and decrypted (password: openssl enc's md5 form; decrypt: openssl's
-    # arguments before -in and -out), read with read_archive. status: the one expected,
+    # arguments, reading standard input), read with read_archive. status: the one expected,
     # and then an archive read without problems; None: anything.
     if config is not None:
         write(f'{directory}/q.conf', config)
@@ -270,7 +270,7 @@ def collect(directory, config='', args=(), out='out.zip', password='', decrypt=(
     if progress:
         c.progress = read(f'{directory}/progress').splitlines()
     written = raw(f'{directory}/{out}')
-    sent = raw(c.run.out) if out == '-' else open(written, 'rb').read() if os.path.isfile(written) and not os.path.islink(written) else b''
+    sent = raw(c.run.out if out == '-' else read(written) if os.path.isfile(written) and not os.path.islink(written) else '')
     if sent.startswith(b'Cache-Control:'):
         end = sent.find(b'\n\n') + 2
         c.header, sent = text(sent[:end]), sent[end:]
