@@ -1,6 +1,6 @@
 # The long options for a web UI: the progress channel with a stalled reader, a deadline,
 # and archive budgets that every reader accepts.
-import fcntl, os, re, time
+import fcntl, json, os, re, time
 
 import pytest
 
@@ -41,14 +41,20 @@ def test_a_stalled_progress_reader_loses_lines_not_time(tmp):
 def test_the_deadline_skips_what_is_left(tmp, out):
     config = (f'cmd i,-,y,n a /bin/echo first\ncmd i,60,y,n slow /bin/sleep 30\ncmd i,-,y,n b /bin/echo never\n'
               f'file i,-,y,y f {tmp}/q.conf\n')
-    c = collect(tmp, config, ['-L', 'i', '-v', '-b', '--deadline=1'], out, progress=True)
+    c = collect(tmp, config, ['-L', 'i', '-v', '-b', '--deadline=1', '--manifest'], out, progress=True)
     assert c.run.seconds < (4.0 if EMULATED else 2.5)
     # The stopped command ends within half a second of the deadline: no kill grace is left
     # to run once it has been reaped (its END line's last field is its milliseconds).
-    assert int(c.progress[4].split()[-1]) < 1500, c.progress[4]
+    assert c.progress[4].split()[3] == 'timeout' and int(c.progress[4].split()[-1]) < 1500, c.progress[4]
+    assert [line.split()[3] for line in c.progress[5:7]] == ['skipped', 'skipped']
     assert ('filename=t.zip\n' in c.header) == (out == '-')
     assert c.zip.names == ['t/README', 't/CONFIG', 't/a/@bin@echo_first.out', 't/slow/@bin@sleep_30.out',
-                           't/slow/@bin@sleep_30.err', 't/SKIPPED']
+                           't/slow/@bin@sleep_30.err', 't/SKIPPED', 't/MANIFEST.json']
+    manifest = json.loads(c.zip.data('t/MANIFEST.json'))
+    slow = manifest['members'][3]
+    assert (slow['name'], slow['result']['status'], slow['duration_ms'] >= 900) == ('t/slow/@bin@sleep_30.out', 'timeout', True)
+    assert [m['deflate'] for m in manifest['members']] == [{'engine': 'zlib', 'level': 6}] * 6
+    assert [(s['number'], s['reason']) for s in manifest['skipped']] == [(3, 'deadline'), (4, 'deadline')]
     assert c.zip.data('t/SKIPPED') == f'deadline 3 cmd t/b/@bin@echo_never.out\ndeadline 4 file t/f/{flat(tmp)}@q.conf\n'
     assert 'Command Timeout' in c.zip.data('t/slow/@bin@sleep_30.err')
     # The time-out and the two entries skipped.

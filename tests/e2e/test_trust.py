@@ -64,8 +64,12 @@ def test_scrubbed_secrets_appear_in_no_extracted_byte(tmp, out):
     assert described['gone/@bin@missing-[REDACTED:api].err']['result']['status'] == 'missing'
     assert described[f'f/{flat(tmp)}@data']['made_by']['path'] == f'{tmp}/data'
     assert described['arg/@bin@echo_[REDACTED:odd].out']['made_by']['command'] == '/bin/echo [REDACTED:odd]'
-    # The progress channel: BEGIN, START and END for each of the 8 entries, then the size sent.
+    # The progress channel: BEGIN, START and END for each of the 8 entries, then the size sent; an
+    # END says how it went (odd's quote is a syntax error to the shell) and the bytes read.
     assert (c.progress[0], c.progress[-1], len(c.progress)) == ('BEGIN 8 v1', f'OK {len(c.sent)}', 2 + 2 * 8)
+    ends = [line.split() for line in c.progress if line.startswith('END ')]
+    assert [e[3] for e in ends] == ['ok', 'ok', 'ok', 'error', 'error', 'ok', 'ok', 'error']
+    assert ends[0][4] == ends[1][4] == str(len(c.zip.data(f'{top}f/{flat(tmp)}@data')))  # the file's scrubbed bytes, and cat's
 
 
 def test_refusals_and_links_leave_every_file_alone(tmp):
