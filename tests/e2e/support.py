@@ -26,7 +26,7 @@ def write(path, content, mode=0o644):
 
 
 def read(path):
-    with open(path, 'rb') as f:
+    with open(raw(path), 'rb') as f:
         return text(f.read())
 
 
@@ -143,6 +143,10 @@ def run_tool(directory, args, env=(), cwd=None, **job):
     os.makedirs(f'{directory}/home', exist_ok=True)
     env = [*env, f'QUELVANE_HOME={directory}/home', RUN_MARK + directory]
     return run(args, env=env, cwd=cwd or directory, **job)
+
+
+def lock_dir(directory):  # the lock of the tool run_tool runs there, present while a run holds it
+    return f'{directory}/home/quelvane_tmp/quelvane.quelvane'
 
 
 def left_running(mark):
@@ -269,8 +273,9 @@ def collect(directory, config='', args=(), out='out.zip', password='', decrypt=(
         assert c.run.status == status, c.run.err
     if progress:
         c.progress = read(f'{directory}/progress').splitlines()
-    written = raw(f'{directory}/{out}')
-    sent = raw(c.run.out if out == '-' else read(written) if os.path.isfile(written) and not os.path.islink(written) else '')
+    written = f'{directory}/{out}'
+    regular = os.path.isfile(raw(written)) and not os.path.islink(raw(written))  # never a device or what a link names
+    sent = raw(c.run.out if out == '-' else read(written) if regular else '')
     if sent.startswith(b'Cache-Control:'):
         end = sent.find(b'\n\n') + 2
         c.header, sent = text(sent[:end]), sent[end:]

@@ -4,7 +4,7 @@ import os, resource, select, signal, termios, time
 
 import pytest
 
-from support import EMULATED, VERSION, collect, expect_members, left_running, read, read_archive, run_tool, sh, write
+from support import EMULATED, VERSION, collect, expect_members, left_running, lock_dir, read, read_archive, run_tool, sh, write
 
 
 def usage(name):
@@ -145,7 +145,7 @@ def test_output_modes_early_stops_and_signals(tmp, out, args, console, err, stat
     # Interrupted in a command: while it holds the lock, a run of its name is refused and one of
     # another name runs; the second signal comes while it closes the archive and must not kill it.
     # Files a crashed run left in the lock directory are gone by then; hidden ones stay.
-    lock, seen = f'{tmp}/home/quelvane_tmp/quelvane.quelvane', {}
+    lock, seen = lock_dir(tmp), {}
     if signo:
         sh(f'mkdir -p {lock} && touch {lock}/stale {lock}/.hidden')
 

@@ -5,7 +5,7 @@ import concurrent.futures, os, random, signal, threading, time
 
 import pytest
 
-from support import EMULATED, POINTER_BITS, SANITIZED, TOOL, collect, flat, left_running, read, read_archive, run, run_tool, script, sh, write
+from support import EMULATED, POINTER_BITS, SANITIZED, TOOL, collect, flat, left_running, lock_dir, read, read_archive, run, run_tool, script, sh, write
 
 
 def run_large(tmp, config, extra=(), **job):  # quelvane -f q.conf -a t.zip -o out.zip -L i EXTRA: an archive too large to hold
@@ -14,7 +14,7 @@ def run_large(tmp, config, extra=(), **job):  # quelvane -f q.conf -a t.zip -o o
 
 
 def lock_free(tmp):
-    return not os.path.exists(f'{tmp}/home/quelvane_tmp/quelvane.quelvane')
+    return not os.path.exists(lock_dir(tmp))
 
 
 def test_a_planted_lock_directory_is_refused(tmp):
