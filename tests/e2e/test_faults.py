@@ -8,9 +8,9 @@ import pytest
 from support import EMULATED, POINTER_BITS, SANITIZED, TOOL, collect, flat, left_running, lock_dir, read, read_archive, run, run_tool, script, sh, write
 
 
-def run_large(tmp, config, extra=(), **job):  # quelvane -f q.conf -a t.zip -o out.zip -L i EXTRA: an archive too large to hold
+def run_large(tmp, config, extra=()):  # quelvane -f q.conf -a t.zip -o out.zip -L i EXTRA: an archive too large to hold
     write(f'{tmp}/q.conf', config)
-    return run_tool(tmp, ['-f', 'q.conf', '-a', 't.zip', '-o', 'out.zip', '-L', 'i', *extra], timeout=600, **job)
+    return run_tool(tmp, ['-f', 'q.conf', '-a', 't.zip', '-o', 'out.zip', '-L', 'i', *extra], timeout=600)
 
 
 def lock_free(tmp):
